@@ -1,0 +1,86 @@
+#include "Configuration.h"
+
+#include "Logger.h"
+
+#include <cctype>
+#include <fstream>
+#include <sstream>
+
+std::vector<std::string> splitString(const std::string& text, char delimiter) {
+    std::vector<std::string> pieces;
+    std::istringstream stream(text);
+    std::string piece;
+    while (std::getline(stream, piece, delimiter))
+        pieces.push_back(piece);
+    return pieces;
+}
+
+namespace {
+const std::vector<std::string> noValues;
+}
+
+Configuration::Configuration(const std::string& path) { read(path); }
+
+Configuration::Configuration(const Configuration& base, const std::string& path)
+    : values(base.values) {
+    read(path);
+}
+
+Configuration::~Configuration() = default;
+
+void Configuration::read(const std::string& path) {
+    LOG(4) << "Loading " << path;
+    std::ifstream file(path);
+    if (!file.is_open()) {
+        LOG(1) << "File " << path << " could not be opened.";
+        return;
+    }
+    std::string raw;
+    unsigned lineNumber = 0;
+    while (std::getline(file, raw)) {
+        ++lineNumber;
+        std::string line;
+        line.reserve(raw.size());
+        for (char c : raw)
+            if (!std::isspace(static_cast<unsigned char>(c)))
+                line += c;
+        if (line.empty()) {
+            LOGV(6, 6) << lineNumber << ": Skip line because its empty.";
+            continue;
+        }
+        line = line.substr(0, line.find('#'));
+        if (line.empty()) {
+            LOGV(6, 6) << lineNumber << ": Skip line because its comment.";
+            continue;
+        }
+        const std::vector<std::string> pair = splitString(line, '=');
+        if (pair.size() != 2) {
+            LOGV(6, 6) << lineNumber << ": Skip line because of multiple '='.";
+            continue;
+        }
+        for (const std::string& value : splitString(pair[1], ',')) {
+            values[pair[0]].push_back(value);
+            LOGV(6, 6) << lineNumber << ": Got " << pair[0] << " = " << value;
+        }
+    }
+}
+
+std::string Configuration::getString(const std::string& key) const {
+    auto it = values.find(key);
+    if (it == values.end()) {
+        LOG(1) << "Value \"" << key << "\" not found in configuration.";
+        return std::string();
+    }
+    return it->second.front();
+}
+
+const std::vector<std::string>& Configuration::getList(const std::string& key) const {
+    auto it = values.find(key);
+    if (it == values.end()) {
+        LOG(1) << "Value \"" << key << "\" not found in configuration.";
+        return noValues;
+    }
+    return it->second;
+}
+
+bool Configuration::hasKey(const std::string& key) const { return values.count(key) != 0; }

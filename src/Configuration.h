@@ -1,0 +1,31 @@
+#ifndef TAVRO_CONFIGURATION_H
+#define TAVRO_CONFIGURATION_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+// Pieces of text between delimiters; a trailing delimiter gives no empty last piece.
+std::vector<std::string> splitString(const std::string& text, char delimiter);
+
+// key=value settings; values of a repeated key, and of a service file read on top of the
+// general file, are appended behind the ones already there.
+class Configuration {
+public:
+    explicit Configuration(const std::string& path);
+    Configuration(const Configuration& base, const std::string& path);
+    virtual ~Configuration();
+
+    // First value of key, or "" with a warning.
+    std::string getString(const std::string& key) const;
+    // All values of key, or an empty list with a warning.
+    const std::vector<std::string>& getList(const std::string& key) const;
+    bool hasKey(const std::string& key) const;
+
+private:
+    void read(const std::string& path);
+
+    std::map<std::string, std::vector<std::string>> values;
+};
+
+#endif

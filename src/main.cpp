@@ -1,0 +1,211 @@
+#include "Configuration.h"
+#include "Logger.h"
+
+#include <getopt.h>
+#include <signal.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+volatile sig_atomic_t caughtSignal = 0;
+
+namespace {
+
+const char* const serviceEntries[] = {"all",  "inventory",   "fmstoip", "time",
+                                      "gnss", "vehicletoip", "mqtt"};
+constexpr int serviceCount = 7;
+enum ServiceIndex { All, Inventory, FmsToIp, Time, GnssIndex, VehicleToIp, Mqtt };
+
+const char* const optionHelp[] = {
+    "OPTIONS:",
+    "  -v[v[v]], --verbose  : verbose",
+    "  -q, --quiet          : quiet",
+    "  -s, --syslog         : write log to syslog",
+    "  -h, --help           : show USAGE",
+    "  --version            : show VERSION",
+};
+
+const std::string configDir = "/etc/tavro/";
+
+void printServices() {
+    printf("Available services:\n");
+    for (const char* entry : serviceEntries)
+        printf("tavro-%s\n", entry);
+    fflush(stdout);
+}
+
+void printUsage(const char* argv0) {
+    printf("USAGE: %s [OPTIONS]\n\n", argv0);
+    fflush(stdout);
+    for (const char* line : optionHelp) {
+        printf("%s\n", line);
+        fflush(stdout);
+    }
+}
+
+void printVersion() {
+    printf("tavro unknown-version\n");
+    printf("Copyright (C) 2026 The tavro developers. All rights reserved.\n");
+    fflush(stdout);
+}
+
+// Only async-signal-safe calls here: the main loop does the rest.
+void onSignal(int sig) {
+    char text[32] = "Caught signal ";
+    size_t len = 14;
+    char digits[12];
+    size_t n = 0;
+    unsigned value = static_cast<unsigned>(sig);
+    do {
+        digits[n++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0 && n < sizeof digits);
+    while (n > 0)
+        text[len++] = digits[--n];
+    text[len++] = '\n';
+    ssize_t ignored = write(STDOUT_FILENO, text, len);
+    (void)ignored;
+    caughtSignal = sig;
+}
+
+void raiseVerbosity() {
+    if (verbosity == 2)
+        verbosity = 3;
+    else if (verbosity == 3)
+        verbosity = 4;
+    else if (verbosity == 4)
+        verbosity = 8;
+}
+
+// Services of this process, released at shutdown in a fixed order.
+struct Services {};
+
+// "fcgi_port" must be a decimal number; without one the FastCGI front end stays off
+// rather than listening on a port nobody configured.
+bool fcgiPort(const Configuration& general, uint16_t& port) {
+    const std::string text = general.getString("fcgi_port");
+    int value = 0;
+    char rest = 0;
+    if (sscanf(text.c_str(), "%d%c", &value, &rest) != 1) {
+        LOG(0) << "No valid \"fcgi_port\" in configuration (\"" << text
+               << "\"). FastCGI front end not started.";
+        return false;
+    }
+    port = static_cast<uint16_t>(value);
+    return true;
+}
+
+void startInventory(const Configuration& general, Services&) {
+    Configuration conf(general, configDir + "inventory.conf");
+    LOG(3) << "Starting inventory service.";
+}
+
+void startFmstoip(const Configuration& general, Services&) {
+    Configuration conf(general, configDir + "fmstoip.conf");
+    Configuration addConf(general, configDir + "addpgn.conf");
+    Configuration removeConf(general, configDir + "removepgn.conf");
+    Configuration getConf(general, configDir + "getpgn.conf");
+    LOG(3) << "Starting fmstoip service.";
+    uint16_t port = 0;
+    if (fcgiPort(general, port)) {
+        // The FastCGI front end starts here.
+    }
+}
+
+void startTime(const Configuration& general, Services&) {
+    Configuration conf(general, configDir + "time.conf");
+    LOG(3) << "Starting time service.";
+}
+
+void startGnss(const Configuration& general, Services&) {
+    Configuration conf(general, configDir + "gnss.conf");
+    LOG(3) << "Starting gnss service.";
+}
+
+void startVehicleToIp(const Configuration& general, Services&) {
+    Configuration conf(general, configDir + "vehicletoip.conf");
+    LOG(3) << "Starting vtoip service.";
+}
+
+void startMqtt(const Configuration& general, Services&) {
+    Configuration conf(general, configDir + "mqttbroker.conf");
+    LOG(3) << "Starting mqttbroker service.";
+}
+
+void releaseServices(Services&) {}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> pathPieces = splitString(argc > 0 ? argv[0] : "", '/');
+    // openlog keeps the pointer: the ident lives until main returns.
+    const std::string invocation = pathPieces.empty() ? std::string() : pathPieces.back();
+    int index = -1;
+    for (int i = 0; i < serviceCount; ++i) {
+        if (invocation == std::string("tavro-") + serviceEntries[i]) {
+            index = i;
+            break;
+        }
+    }
+    if (index < 0) {
+        printServices();
+        return 1;
+    }
+
+    static const struct option longOptions[] = {
+        {"version", no_argument, nullptr, 0}, {"verbose", no_argument, nullptr, 'v'},
+        {"syslog", no_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'},
+        {"quiet", no_argument, nullptr, 'q'},  {nullptr, 0, nullptr, 0}};
+    int opt;
+    while ((opt = getopt_long(argc, argv, "shqv03", longOptions, nullptr)) != -1) {
+        switch (opt) {
+        case 's':
+            openlog(invocation.c_str(), 0, LOG_USER);
+            useSyslog = true;
+            break;
+        case 'v':
+            raiseVerbosity();
+            break;
+        case 'q':
+            verbosity = 0;
+            break;
+        case 0:
+            printVersion();
+            return 0;
+        default: // -h, -0, -3 and unknown options
+            printUsage(argv[0]);
+            return 1;
+        }
+    }
+
+    auto general = std::make_unique<Configuration>(configDir + "tavro.conf");
+    Services services;
+    if (index == All || index == Inventory)
+        startInventory(*general, services);
+    if (index == All || index == FmsToIp)
+        startFmstoip(*general, services);
+    if (index == All || index == Time)
+        startTime(*general, services);
+    if (index == All || index == GnssIndex)
+        startGnss(*general, services);
+    if (index == All || index == VehicleToIp)
+        startVehicleToIp(*general, services);
+    if (index == All || index == Mqtt)
+        startMqtt(*general, services);
+
+    signal(SIGINT, onSignal);
+    caughtSignal = 0;
+    while (caughtSignal == 0)
+        pause();
+
+    LOG(2) << "Closing program...";
+    closelog();
+    LOGV(8, 8) << "Returning " << caughtSignal;
+    releaseServices(services);
+    general.reset();
+    return caughtSignal;
+}

@@ -1,0 +1,86 @@
+#ifndef TAVRO_TEST_SUPPORT_H
+#define TAVRO_TEST_SUPPORT_H
+
+#include "Logger.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+// Collects what the logger writes to stderr while it lives.
+class StderrCapture {
+public:
+    StderrCapture() {
+        char name[] = "/tmp/tavro-stderr-XXXXXX";
+        fd = mkstemp(name);
+        unlink(name);
+        saved = dup(STDERR_FILENO);
+        dup2(fd, STDERR_FILENO);
+    }
+    ~StderrCapture() { restore(); }
+    std::string text() {
+        std::string out;
+        char buffer[4096];
+        off_t pos = 0;
+        ssize_t n;
+        while ((n = pread(fd, buffer, sizeof buffer, pos)) > 0) {
+            out.append(buffer, static_cast<size_t>(n));
+            pos += n;
+        }
+        return out;
+    }
+    void restore() {
+        if (saved >= 0) {
+            dup2(saved, STDERR_FILENO);
+            close(saved);
+            saved = -1;
+        }
+    }
+
+private:
+    int fd = -1;
+    int saved = -1;
+};
+
+// Sets verbosity for one test and puts the previous value back.
+class VerbosityScope {
+public:
+    explicit VerbosityScope(int level) : previous(verbosity) { verbosity = level; }
+    ~VerbosityScope() { verbosity = previous; }
+
+private:
+    int previous;
+};
+
+// A private directory, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        char name[] = "/tmp/tavro-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempDir() {
+        std::string cmd = "rm -rf '" + path + "'";
+        int ignored = system(cmd.c_str());
+        (void)ignored;
+    }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+    std::string write(const std::string& name, const std::string& content) const {
+        std::ofstream(file(name), std::ios::binary) << content;
+        return file(name);
+    }
+    static std::string read(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+
+    std::string path;
+};
+
+#endif
