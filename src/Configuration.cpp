@@ -19,7 +19,9 @@ namespace {
 const std::vector<std::string> noValues;
 }
 
-Configuration::Configuration(const std::string& path) { read(path); }
+Configuration::Configuration(const std::string& path) {
+    read(path);
+}
 
 Configuration::Configuration(const Configuration& base, const std::string& path)
     : values(base.values) {
@@ -83,4 +85,6 @@ const std::vector<std::string>& Configuration::getList(const std::string& key) c
     return it->second;
 }
 
-bool Configuration::hasKey(const std::string& key) const { return values.count(key) != 0; }
+bool Configuration::hasKey(const std::string& key) const {
+    return values.count(key) != 0;
+}

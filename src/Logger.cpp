@@ -19,7 +19,9 @@ int clampLevel(int level) {
 }
 } // namespace
 
-const char* LogLine::levelName(int level) { return levelNames[clampLevel(level)]; }
+const char* LogLine::levelName(int level) {
+    return levelNames[clampLevel(level)];
+}
 
 LogLine::LogLine(int requested) : level(clampLevel(requested)) {
     text << levelNames[level] << ": ";

@@ -157,7 +157,7 @@ int main(int argc, char** argv) {
     }
 
     static const struct option longOptions[] = {
-        {"version", no_argument, nullptr, 0}, {"verbose", no_argument, nullptr, 'v'},
+        {"version", no_argument, nullptr, 0},  {"verbose", no_argument, nullptr, 'v'},
         {"syslog", no_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'},
         {"quiet", no_argument, nullptr, 'q'},  {nullptr, 0, nullptr, 0}};
     int opt;
