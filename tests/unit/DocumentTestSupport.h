@@ -11,6 +11,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -39,6 +40,14 @@ private:
     std::condition_variable arrived;
     std::vector<std::string> documents;
 };
+
+// Text of the first element of that name, for documents on one line.
+inline std::string element(const std::string& document, const std::string& name) {
+    std::smatch match;
+    if (!std::regex_search(document, match, std::regex("<" + name + ">([^<]*)</" + name + ">")))
+        return "(missing " + name + ")";
+    return match[1];
+}
 
 // Runs work on a thread of its own and tells whether it finished within a generous bound.
 // A hang ends the whole test program, as the work may still use the caller's objects.
