@@ -11,7 +11,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,12 +40,14 @@ private:
     std::vector<std::string> documents;
 };
 
-// Text of the first element of that name, for documents on one line.
+// Text between the first start tag of that name and the next end tag of that name.
 inline std::string element(const std::string& document, const std::string& name) {
-    std::smatch match;
-    if (!std::regex_search(document, match, std::regex("<" + name + ">([^<]*)</" + name + ">")))
+    const std::string open = "<" + name + ">";
+    const size_t begin = document.find(open);
+    const size_t end = document.find("</" + name + ">", begin);
+    if (begin == std::string::npos || end == std::string::npos)
         return "(missing " + name + ")";
-    return match[1];
+    return document.substr(begin + open.size(), end - begin - open.size());
 }
 
 // Runs work on a thread of its own and tells whether it finished within a generous bound.

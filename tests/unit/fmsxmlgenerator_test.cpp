@@ -22,14 +22,6 @@ void fillVehicleSpeedFrame(FmsXMLGenerator& generator) {
     generator.setSpnValue("Released");
     generator.commitSpn();
 }
-
-std::string valueOf(const std::string& document) {
-    const size_t begin = document.find("<Value>");
-    const size_t end = document.find("</Value>");
-    if (begin == std::string::npos || end == std::string::npos)
-        return "(no Value)";
-    return document.substr(begin + 7, end - begin - 7);
-}
 } // namespace
 
 TEST(FmsXMLGeneratorTest, FrameDocumentIsTabIndented) {
@@ -107,7 +99,7 @@ TEST(FmsXMLGeneratorTest, NumericValuesHaveThreeDecimals) {
         generator.clearSpns();
         generator.setSpnValue(c.value);
         generator.commitSpn();
-        EXPECT_EQ(valueOf(generator.frameDocument()), c.text) << c.value;
+        EXPECT_EQ(element(generator.frameDocument(), "Value"), c.text) << c.value;
     }
 }
 

@@ -11,12 +11,9 @@
 
 namespace {
 std::string doorsControl(const std::string& document) {
-    std::smatch match;
-    if (std::regex_search(document, match, std::regex("<DoorsControl>(.*)</DoorsControl>")))
-        return match[1];
     if (document.find("<DoorsControl/>") != std::string::npos)
         return "";
-    return "(missing)";
+    return element(document, "DoorsControl");
 }
 
 void setAllButDoors(VtoIPXMLGenerator& g) {
