@@ -1,0 +1,74 @@
+#ifndef TAVRO_FMSXMLGENERATOR_H
+#define TAVRO_FMSXMLGENERATOR_H
+
+#include "PeriodicThread.h"
+#include "XMLHook.h"
+
+#include <pugixml.hpp>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+// Builds FMStoIPDelivery documents. The FMStoIP worker fills a frame template and an SPN
+// template through the setters; commitFrame collects the frame for periodic delivery, and
+// frameDocument gives the frame on its own as an indented document. In periodic mode the
+// document thread hands the collected frames to the hook once per period.
+class FmsXMLGenerator {
+public:
+    FmsXMLGenerator();
+    virtual ~FmsXMLGenerator();
+    FmsXMLGenerator(const FmsXMLGenerator&) = delete;
+    FmsXMLGenerator& operator=(const FmsXMLGenerator&) = delete;
+
+    // Called once, before start.
+    void setHook(XMLHook* hook);
+    // Starts the document thread; a period of 0 starts none.
+    void start(uint32_t periodMs);
+
+    // The first six characters count.
+    void setFmsVersion(const std::string& version);
+    void setFramePgn(const std::string& pgn);
+    void setFrameStatus(const std::string& status);
+    void setFrameData(const std::string& data);
+    void setRelativeTime(uint64_t time);
+    void setSpnId(uint32_t id);
+    void setSpnName(const std::string& name);
+    // An empty unit leaves the SPN without Unit; a second unit replaces the first.
+    void setSpnUnit(const std::string& unit);
+    void setSpnValue(const std::string& value);
+    // Three decimals, rounded to the nearest thousandth.
+    void setSpnValue(double value);
+    // Adds the SPN template to the frame template and drops its unit.
+    void commitSpn();
+    // Adds the frame template to the collected document and empties it of SPNs.
+    void commitFrame();
+    void clearSpns();
+    // The frame template alone in a document, tab-indented.
+    std::string frameDocument() const;
+
+    // One period's work of the document thread: hands the collected frames, if any, to the
+    // hook and empties the collected document.
+    void deliverCollected();
+
+private:
+    uint32_t frameCount = 0;
+    std::string fmsVersion = "0000";
+    pugi::xml_document collected;
+    pugi::xml_document working;
+    pugi::xml_node fmstoip;
+    pugi::xml_node frame;
+    pugi::xml_node framePgn;
+    pugi::xml_node frameData;
+    pugi::xml_node frameTime;
+    pugi::xml_node spn;
+    pugi::xml_node spnName;
+    pugi::xml_node spnUnit;
+    pugi::xml_node spnValue;
+    // Guards the collected document, the frame count and the hook.
+    std::mutex mutex;
+    XMLHook* hook = nullptr;
+    PeriodicThread thread;
+};
+
+#endif
