@@ -8,6 +8,7 @@ brings loopback up, starts the daemon and its peers, and stops each by PID after
 import os
 import re
 import select
+import shlex
 import signal
 import socket
 import struct
@@ -19,9 +20,12 @@ SOURCE_DIR = os.environ.get(
     "TAVRO_SOURCE_DIR", os.path.abspath(os.path.join(os.path.dirname(__file__), "..", "..")))
 BIN_DIR = os.environ.get("TAVRO_BIN_DIR", os.path.join(SOURCE_DIR, "build", "plain"))
 SANITIZED = bool(os.environ.get("TAVRO_SANITIZE"))
+# A cross build's daemon runs under its emulator, e.g. "qemu-arm-static -L SYSROOT";
+# qemu-user's -0 gives the program its invocation name.
+EMULATOR = shlex.split(os.environ.get("TAVRO_EMULATOR", ""))
 
-# Sanitizer builds start slower and run slower.
-SLOW = 3.0 if SANITIZED else 1.0
+# Sanitizer builds and emulated ones start slower and run slower.
+SLOW = 3.0 if SANITIZED or EMULATOR else 1.0
 
 
 def run(*argv, check=True, **kw):
@@ -268,13 +272,18 @@ class Sandbox:
         if env:
             full_env.update(env)
         if dev_log is None:
+            if EMULATOR:
+                return self.spawn(EMULATOR + ["-0", name, binary] + list(args), env=full_env,
+                                  name=name)
             return self.spawn([name] + list(args), executable=binary, env=full_env, name=name)
         full_env.update(TAVRO_DEVLOG=dev_log, TAVRO_ARGV0=name, TAVRO_BINARY=binary)
+        launch = ("exec -a \"$TAVRO_ARGV0\" \"$TAVRO_BINARY\" \"$@\"" if not EMULATOR else
+                  "exec %s -0 \"$TAVRO_ARGV0\" \"$TAVRO_BINARY\" \"$@\""
+                  % " ".join(shlex.quote(word) for word in EMULATOR))
         script = ("set -e; mount -t tmpfs -o mode=0755 tmpfs /dev; "
                   "mknod -m 666 /dev/null c 1 3; mknod -m 666 /dev/zero c 1 5; "
                   "mknod -m 666 /dev/urandom c 1 9; mknod -m 666 /dev/random c 1 8; "
-                  "ln -s \"$TAVRO_DEVLOG\" /dev/log; "
-                  "exec -a \"$TAVRO_ARGV0\" \"$TAVRO_BINARY\" \"$@\"")
+                  "ln -s \"$TAVRO_DEVLOG\" /dev/log; " + launch)
         argv = ["unshare", "--mount", "--propagation", "private", "bash", "-c", script, "bash"]
         return self.spawn(argv + list(args), env=full_env, name=name)
 
