@@ -1,5 +1,7 @@
 #include "Configuration.h"
 #include "Logger.h"
+#include "MqttBroker.h"
+#include "TimeService.h"
 
 #include <getopt.h>
 #include <signal.h>
@@ -82,7 +84,14 @@ void raiseVerbosity() {
 }
 
 // Services of this process, released at shutdown in a fixed order.
-struct Services {};
+struct Services {
+    // inventory: ModuleInventory
+    // fmstoip: Fmstoip, FmstoipFcgi
+    std::shared_ptr<TimeService> timeService;
+    // gnss: Gnss
+    // vehicletoip: Vtoip
+    std::shared_ptr<MqttBroker> mqttBroker;
+};
 
 // "fcgi_port" must be a decimal number; without one the FastCGI front end stays off
 // rather than listening on a port nobody configured.
@@ -116,9 +125,10 @@ void startFmstoip(const Configuration& general, Services&) {
     }
 }
 
-void startTime(const Configuration& general, Services&) {
+void startTime(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "time.conf");
     LOG(3) << "Starting time service.";
+    services.timeService = std::shared_ptr<TimeService>(new TimeService(conf));
 }
 
 void startGnss(const Configuration& general, Services&) {
@@ -131,12 +141,22 @@ void startVehicleToIp(const Configuration& general, Services&) {
     LOG(3) << "Starting vtoip service.";
 }
 
-void startMqtt(const Configuration& general, Services&) {
+void startMqtt(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "mqttbroker.conf");
     LOG(3) << "Starting mqttbroker service.";
+    services.mqttBroker = std::shared_ptr<MqttBroker>(new MqttBroker(conf));
 }
 
-void releaseServices(Services&) {}
+// Each release joins the service's threads and withdraws its announcement.
+void releaseServices(Services& services) {
+    services.mqttBroker.reset();
+    // Vtoip
+    // Gnss
+    // FmstoipFcgi
+    services.timeService.reset();
+    // Fmstoip
+    // ModuleInventory
+}
 
 } // namespace
 

@@ -1,5 +1,6 @@
 import pytest
 
+from avahi_peer import AvahiPeer
 from sandbox import Sandbox
 
 
@@ -10,3 +11,9 @@ def sandbox(tmp_path):
         yield sb
     finally:
         sb.close()
+
+
+@pytest.fixture
+def avahi(sandbox):
+    """A system bus and a running avahi-daemon on veth v0 of the sandbox."""
+    return AvahiPeer(sandbox)

@@ -206,6 +206,9 @@ class Sandbox:
         self.mounts = []
         self.links = []
         self.sockets = []
+        # Services cannot run without a system bus: tavro() starts one unless this is set
+        # to False (or a peer has already started one).
+        self.system_bus = None
         run("ip", "link", "set", "lo", "up")
         for path in ("/etc/tavro", "/tmp/status"):
             self.mount_tmpfs(path)
@@ -263,6 +266,9 @@ class Sandbox:
 
         With dev_log, the daemon sees a /dev of its own whose /dev/log is that socket path.
         """
+        if self.system_bus is None:
+            import avahi_peer
+            self.system_bus = avahi_peer.SystemBus(self)
         binary = os.path.join(BIN_DIR, "tavro")
         name = argv0 if argv0 is not None else "tavro-" + service
         full_env = dict(os.environ)

@@ -106,6 +106,8 @@ def test_service_files_load_in_order(sandbox):
     (["--verbose", "--verbose"], 4),
 ])
 def test_verbosity_steps(sandbox, args, expected):
+    # A port, so that the only error a time service could log is not there.
+    sandbox.write_conf("time.conf", "service_port=123\n")
     proc, rc = start_and_interrupt(sandbox, "time", *args)
     assert rc == 2
     lines = proc.lines()
