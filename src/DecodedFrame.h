@@ -1,0 +1,55 @@
+#ifndef TAVRO_DECODEDFRAME_H
+#define TAVRO_DECODEDFRAME_H
+
+#include "SPN.h"
+
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+// One CAN frame or reassembled transport message with its decoded signal values. Owns its
+// SPNs; copies are deep.
+class DecodedFrame {
+public:
+    static constexpr uint32_t maxData = 256;
+
+    DecodedFrame();
+    DecodedFrame(const DecodedFrame& other);
+    DecodedFrame& operator=(const DecodedFrame& other);
+    virtual ~DecodedFrame();
+
+    uint16_t getPgn() const { return pgn; }
+    // Keeps the low 16 bits.
+    void setPgn(int32_t value) { pgn = static_cast<uint16_t>(value & 0xFFFF); }
+    uint64_t getTimestamp() const { return timestamp; }
+    void setTimestamp(uint64_t value) { timestamp = value; }
+    uint32_t getDataLength() const { return dataLength; }
+    // Always followed by a zero byte.
+    const uint8_t* getData() const { return data; }
+
+    // The 8 payload bytes of a raw word, least significant first.
+    void setData(uint64_t raw);
+    // The length is taken as unsigned and cut to maxData.
+    void setData(const uint8_t* bytes, int32_t length);
+
+    // A copy of the list; the frame keeps ownership of the SPNs.
+    std::vector<SPN*> getSpns() const { return spnList; }
+    const std::vector<SPN*>& spns() const { return spnList; }
+    // Takes ownership.
+    void addSpn(SPN* spn);
+
+private:
+    void clearSpns();
+    void copySpns(const DecodedFrame& other);
+
+    uint16_t pgn = 0;
+    uint64_t timestamp = 0;
+    uint32_t dataLength = 0;
+    uint8_t data[maxData + 1] = {};
+    std::vector<SPN*> spnList;
+};
+
+// "_can frame_", pgn and time stamp, the data as text, then every SPN's line.
+std::ostream& operator<<(std::ostream& out, const DecodedFrame& frame);
+
+#endif

@@ -1,0 +1,93 @@
+#ifndef TAVRO_CAN_TEST_SUPPORT_H
+#define TAVRO_CAN_TEST_SUPPORT_H
+
+#include "CanHook.h"
+#include "DecodedFrame.h"
+#include "SPNNumeric.h"
+#include "SPNStatus.h"
+#include "SPNString.h"
+
+#include <linux/can.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// An extended frame with up to 8 data bytes; missing bytes are 0xFF (not available).
+inline can_frame canFrame(uint32_t id, std::initializer_list<uint8_t> bytes = {}) {
+    can_frame frame;
+    memset(&frame, 0, sizeof frame);
+    frame.can_id = id | CAN_EFF_FLAG;
+    frame.can_dlc = 8;
+    memset(frame.data, 0xFF, 8);
+    size_t i = 0;
+    for (uint8_t b : bytes)
+        frame.data[i++] = b;
+    return frame;
+}
+
+// A BAM: TP.CM announcing pgn with packets, then TP.DT frames from the given payload.
+inline can_frame bamAnnounce(uint16_t pgn, uint16_t size, uint8_t packets) {
+    return canFrame(0x1CECFF00, {0x20, uint8_t(size & 0xFF), uint8_t(size >> 8), packets, 0xFF,
+                                 uint8_t(pgn & 0xFF), uint8_t(pgn >> 8), 0x00});
+}
+inline can_frame bamPacket(uint8_t sequence, const std::string& bytes) {
+    can_frame frame = canFrame(0x1CEBFF00, {sequence});
+    for (size_t i = 0; i < 7; ++i)
+        frame.data[i + 1] = i < bytes.size() ? static_cast<uint8_t>(bytes[i]) : 0xFF;
+    return frame;
+}
+
+inline const SPNNumeric& numeric(const DecodedFrame& frame, size_t i) {
+    return dynamic_cast<const SPNNumeric&>(*frame.spns().at(i));
+}
+inline const SPNStatus& status(const DecodedFrame& frame, size_t i) {
+    return dynamic_cast<const SPNStatus&>(*frame.spns().at(i));
+}
+inline const SPNString& text(const DecodedFrame& frame, size_t i) {
+    return dynamic_cast<const SPNString&>(*frame.spns().at(i));
+}
+
+// Keeps a copy of every frame it is handed; safe for several reader threads.
+class RecordingHook : public CanHook {
+public:
+    void handleFrame(DecodedFrame* frame) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        frames.emplace_back(new DecodedFrame(*frame));
+        arrived.notify_all();
+    }
+    size_t count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return frames.size();
+    }
+    DecodedFrame frame(size_t i) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return *frames.at(i);
+    }
+    // Waits until at least n frames are in, or a generous time has passed.
+    bool waitFor(size_t n, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, limit, [&] { return frames.size() >= n; });
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::vector<std::unique_ptr<DecodedFrame>> frames;
+};
+
+inline std::string testData(const std::string& name) {
+    return std::string(TAVRO_TEST_DATA) + "/" + name;
+}
+
+// The public J1939 mapping file; tests that need it skip when it is absent.
+inline std::string sharedMapping() {
+    return std::string(TAVRO_SHARED_DATA) + "/j1939-framework/frames.json";
+}
+
+#endif
