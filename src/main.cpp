@@ -1,5 +1,6 @@
 #include "Configuration.h"
 #include "Logger.h"
+#include "ModuleInventory.h"
 #include "MqttBroker.h"
 #include "TimeService.h"
 
@@ -85,7 +86,7 @@ void raiseVerbosity() {
 
 // Services of this process, released at shutdown in a fixed order.
 struct Services {
-    // inventory: ModuleInventory
+    std::shared_ptr<ModuleInventory> inventory;
     // fmstoip: Fmstoip, FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
     // gnss: Gnss
@@ -108,9 +109,10 @@ bool fcgiPort(const Configuration& general, uint16_t& port) {
     return true;
 }
 
-void startInventory(const Configuration& general, Services&) {
+void startInventory(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "inventory.conf");
     LOG(3) << "Starting inventory service.";
+    services.inventory = std::shared_ptr<ModuleInventory>(new ModuleInventory(conf));
 }
 
 void startFmstoip(const Configuration& general, Services&) {
@@ -155,7 +157,7 @@ void releaseServices(Services& services) {
     // FmstoipFcgi
     services.timeService.reset();
     // Fmstoip
-    // ModuleInventory
+    services.inventory.reset();
 }
 
 } // namespace

@@ -220,6 +220,11 @@ class Sandbox:
         run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", path)
         self.mounts.append(path)
 
+    def mount_sysfs(self):
+        """A /sys that shows this network namespace (/sys/class/net)."""
+        run("mount", "-t", "sysfs", "sysfs", "/sys")
+        self.mounts.append("/sys")
+
     def write_conf(self, name, content):
         """Writes /etc/tavro/<name> from text or from a dict of key -> value (or list)."""
         if isinstance(content, dict):
