@@ -1,4 +1,5 @@
 #include "Configuration.h"
+#include "Fmstoip.h"
 #include "Logger.h"
 #include "MqttBroker.h"
 #include "TimeService.h"
@@ -86,7 +87,8 @@ void raiseVerbosity() {
 // Services of this process, released at shutdown in a fixed order.
 struct Services {
     // inventory: ModuleInventory
-    // fmstoip: Fmstoip, FmstoipFcgi
+    std::shared_ptr<Fmstoip> fmstoip;
+    // fmstoip: FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
     // gnss: Gnss
     // vehicletoip: Vtoip
@@ -113,12 +115,13 @@ void startInventory(const Configuration& general, Services&) {
     LOG(3) << "Starting inventory service.";
 }
 
-void startFmstoip(const Configuration& general, Services&) {
+void startFmstoip(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "fmstoip.conf");
     Configuration addConf(general, configDir + "addpgn.conf");
     Configuration removeConf(general, configDir + "removepgn.conf");
     Configuration getConf(general, configDir + "getpgn.conf");
     LOG(3) << "Starting fmstoip service.";
+    services.fmstoip = std::shared_ptr<Fmstoip>(new Fmstoip(conf));
     uint16_t port = 0;
     if (fcgiPort(general, port)) {
         // The FastCGI front end starts here.
@@ -154,7 +157,7 @@ void releaseServices(Services& services) {
     // Gnss
     // FmstoipFcgi
     services.timeService.reset();
-    // Fmstoip
+    services.fmstoip.reset();
     // ModuleInventory
 }
 
