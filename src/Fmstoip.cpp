@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <system_error>
 
 namespace {
@@ -155,8 +156,15 @@ void Fmstoip::handleFrame(DecodedFrame* frame) {
 }
 
 void Fmstoip::run() {
-    while (std::unique_ptr<DecodedFrame> frame = queue.pop())
-        process(*frame);
+    while (std::unique_ptr<DecodedFrame> frame = queue.pop()) {
+        try {
+            process(*frame);
+        } catch (const std::exception& error) {
+            // Out of memory: this frame is lost, the worker goes on with the next.
+            generator.clearSpns();
+            LOG(0) << "FMStoIP: frame dropped: " << error.what();
+        }
+    }
 }
 
 void Fmstoip::process(const DecodedFrame& frame) {
