@@ -88,3 +88,11 @@ const std::vector<std::string>& Configuration::getList(const std::string& key) c
 bool Configuration::hasKey(const std::string& key) const {
     return values.count(key) != 0;
 }
+
+std::vector<std::string> Configuration::keys() const {
+    std::vector<std::string> names;
+    names.reserve(values.size());
+    for (const auto& entry : values)
+        names.push_back(entry.first);
+    return names;
+}

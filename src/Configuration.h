@@ -21,6 +21,8 @@ public:
     // All values of key, or an empty list with a warning.
     const std::vector<std::string>& getList(const std::string& key) const;
     bool hasKey(const std::string& key) const;
+    // Every key, in byte-wise order.
+    std::vector<std::string> keys() const;
 
 private:
     void read(const std::string& path);

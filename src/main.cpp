@@ -1,4 +1,5 @@
 #include "Configuration.h"
+#include "Fmstoip.h"
 #include "Logger.h"
 #include "ModuleInventory.h"
 #include "MqttBroker.h"
@@ -87,7 +88,8 @@ void raiseVerbosity() {
 // Services of this process, released at shutdown in a fixed order.
 struct Services {
     std::shared_ptr<ModuleInventory> inventory;
-    // fmstoip: Fmstoip, FmstoipFcgi
+    std::shared_ptr<Fmstoip> fmstoip;
+    // fmstoip: FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
     // gnss: Gnss
     // vehicletoip: Vtoip
@@ -115,12 +117,13 @@ void startInventory(const Configuration& general, Services& services) {
     services.inventory = std::shared_ptr<ModuleInventory>(new ModuleInventory(conf));
 }
 
-void startFmstoip(const Configuration& general, Services&) {
+void startFmstoip(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "fmstoip.conf");
     Configuration addConf(general, configDir + "addpgn.conf");
     Configuration removeConf(general, configDir + "removepgn.conf");
     Configuration getConf(general, configDir + "getpgn.conf");
     LOG(3) << "Starting fmstoip service.";
+    services.fmstoip = std::shared_ptr<Fmstoip>(new Fmstoip(conf));
     uint16_t port = 0;
     if (fcgiPort(general, port)) {
         // The FastCGI front end starts here.
@@ -156,7 +159,7 @@ void releaseServices(Services& services) {
     // Gnss
     // FmstoipFcgi
     services.timeService.reset();
-    // Fmstoip
+    services.fmstoip.reset();
     services.inventory.reset();
 }
 

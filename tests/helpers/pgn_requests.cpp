@@ -1,0 +1,28 @@
+// Requests and withdraws PGNs of an FMStoIP service without end, for the counter-file tests.
+//   pgn_requests CONF PGN...
+// Builds the service from CONF (its counts load from the counter file), prints "ready", then
+// adds each PGN once and removes each once, over and over, until it is killed.
+#include "Fmstoip.h"
+#include "Logger.h"
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+int main(int argc, char** argv) {
+    if (argc < 3) {
+        std::cerr << "usage: pgn_requests CONF PGN...\n";
+        return 2;
+    }
+    verbosity = 1;
+    const std::vector<std::string> pgns(argv + 2, argv + argc);
+    Fmstoip service{Configuration(argv[1])};
+    std::cout << "ready" << std::endl;
+    for (size_t i = 0;; ++i) {
+        const std::string& pgn = pgns[i % pgns.size()];
+        if ((i / pgns.size()) % 2 == 0)
+            service.addPgn(pgn);
+        else
+            service.removePgn(pgn);
+    }
+}
