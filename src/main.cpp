@@ -1,4 +1,5 @@
 #include "Configuration.h"
+#include "FcgiHandler.h"
 #include "Logger.h"
 
 #include <getopt.h>
@@ -111,9 +112,8 @@ void startFmstoip(const Configuration& general, Services&) {
     Configuration getConf(general, configDir + "getpgn.conf");
     LOG(3) << "Starting fmstoip service.";
     uint16_t port = 0;
-    if (fcgiPort(general, port)) {
-        // The FastCGI front end starts here.
-    }
+    if (fcgiPort(general, port))
+        FcgiHandler::start(port);
 }
 
 void startTime(const Configuration& general, Services&) {
@@ -203,6 +203,7 @@ int main(int argc, char** argv) {
         pause();
 
     LOG(2) << "Closing program...";
+    FcgiHandler::stop();
     closelog();
     LOGV(8, 8) << "Returning " << caughtSignal;
     releaseServices(services);
