@@ -8,7 +8,7 @@ namespace FastCGIServer {
 // Bounds that keep one peer, or many, from making the server hold unbounded memory or
 // descriptors.
 struct Limits {
-    // Connections served at once; further peers wait in the listen backlog.
+    // Connections served at once; a further one replaces the one quiet for longest.
     std::size_t maxConnections = 100;
     // Parameters, bodies not yet taken by the application and per-request bookkeeping of one
     // connection. A record that would go beyond ends its request and closes the connection.

@@ -150,12 +150,9 @@ void Server::process(int timeout_ms) {
     FD_ZERO(&readSet);
     FD_ZERO(&writeSet);
     int highest = -1;
-    // At the bound, new peers wait in the backlog until a connection ends.
-    if (open.size() < bounds.maxConnections) {
-        for (int fd : listeningSockets) {
-            FD_SET(fd, &readSet);
-            highest = std::max(highest, fd);
-        }
+    for (int fd : listeningSockets) {
+        FD_SET(fd, &readSet);
+        highest = std::max(highest, fd);
     }
     for (const auto& entry : open) {
         const int fd = entry.first;
@@ -210,6 +207,8 @@ void Server::process(int timeout_ms) {
             ::close(client);
             continue;
         }
+        if (open.size() >= bounds.maxConnections)
+            evictQuietest();
         auto connection = std::make_unique<Connection>(callbacks, bounds);
         connection->lastActivity = now;
         open[client] = std::move(connection);
@@ -281,6 +280,21 @@ void Server::closeConnection(int fd) {
     open.erase(fd);
     if (::close(fd) < 0 && errno != ECONNRESET && errno != EINTR)
         throw ConnectionError("close() failed");
+}
+
+// Peers that hold connections without using them cannot lock out the web server: the
+// newcomer takes the place of the connection that has been quiet longest.
+void Server::evictQuietest() {
+    auto quietest = open.begin();
+    for (auto it = open.begin(); it != open.end(); ++it) {
+        if (it->second->lastActivity < quietest->second->lastActivity)
+            quietest = it;
+    }
+    if (quietest == open.end())
+        return;
+    const int fd = quietest->first;
+    open.erase(quietest);
+    ::close(fd);
 }
 
 void Server::dropConnection(int fd) {

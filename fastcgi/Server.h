@@ -52,6 +52,7 @@ private:
     void closeConnection(int fd);
     // After a socket failure of the connection: closed without a further report.
     void dropConnection(int fd);
+    void evictQuietest();
 
     std::vector<int> listeningSockets;
     std::vector<std::string> socketPaths;

@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <thread>
@@ -232,33 +233,26 @@ TEST_F(ServerTest, VanishedPeerIsDroppedWithoutSigpipe) {
     close(fd);
 }
 
-TEST_F(ServerTest, ConnectionsBeyondTheBoundWaitInTheBacklog) {
+TEST_F(ServerTest, ConnectionBeyondTheBoundReplacesTheQuietest) {
     Limits limits;
     limits.maxConnections = 2;
     server.set_limits(limits);
     server.listen(socketPath());
     const std::string getValues = record(GET_VALUES, 0, encode({{"FCGI_MPXS_CONNS", ""}}));
-    int fds[3];
-    for (int& fd : fds) {
-        fd = connectUnix(socketPath());
-        ASSERT_GE(fd, 0);
-        sendAll(fd, getValues);
-    }
-    for (int i = 0; i < 20; ++i)
-        server.process(5);
+    const int first = connectUnix(socketPath());
+    const int second = connectUnix(socketPath());
+    EXPECT_EQ(ask(first, getValues, 0).size(), 1u);
+    EXPECT_EQ(ask(second, getValues, 0).size(), 1u);
+    EXPECT_EQ(ask(first, getValues, 0).size(), 1u);
     EXPECT_EQ(server.connections().size(), 2u);
-    const auto answered = [](int fd) {
-        char buffer[256];
-        return recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) > 0;
-    };
-    EXPECT_TRUE(answered(fds[0]));
-    EXPECT_TRUE(answered(fds[1]));
-    EXPECT_FALSE(answered(fds[2]));
 
-    close(fds[0]);
-    ASSERT_TRUE(serveUntil(server, [&] { return answered(fds[2]); }));
-    close(fds[1]);
-    close(fds[2]);
+    const int third = connectUnix(socketPath());
+    EXPECT_EQ(ask(third, getValues, 0).size(), 1u);
+    EXPECT_EQ(server.connections().size(), 2u);
+    EXPECT_TRUE(peerClosed(second));
+    EXPECT_EQ(ask(first, getValues, 0).size(), 1u);
+    for (int fd : {first, second, third})
+        close(fd);
 }
 
 TEST_F(ServerTest, SilentPeerIsClosedWhenIdle) {
@@ -351,51 +345,84 @@ TEST_F(ServerTest, ThousandsOfConnections) {
         setrlimit(RLIMIT_NOFILE, &limit);
         getrlimit(RLIMIT_NOFILE, &limit);
     }
-    const int count = static_cast<int>(std::min<rlim_t>(3000, limit.rlim_cur - 200));
+    const int count = static_cast<int>(std::min<rlim_t>(3000, limit.rlim_cur - 100));
     if (count < 1200)
         GTEST_SKIP() << "descriptor limit too low";
 
     server.listen(socketPath());
-    const std::string getValues = record(GET_VALUES, 0, encode({{"FCGI_MAX_CONNS", ""}}));
-    std::vector<int> clients;
-    for (int i = 0; i < count; ++i) {
-        int fd = -1;
-        // The backlog fills up while the server holds its bound; serve a pass and retry.
-        for (int attempt = 0; attempt < 3 && fd < 0; ++attempt) {
-            fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            sockaddr_un address = {};
-            address.sun_family = AF_UNIX;
-            std::strcpy(address.sun_path, socketPath().c_str());
-            if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+    // The peers live in a child, so that their descriptors do not push the server's up.
+    int report[2];
+    int release[2];
+    ASSERT_EQ(pipe(report), 0);
+    ASSERT_EQ(pipe(release), 0);
+    const std::string path = socketPath();
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(report[0]);
+        close(release[1]);
+        // Peers that send half a header and then keep quiet.
+        const std::string half = record(GET_VALUES, 0, "").substr(0, 4);
+        int connected = 0;
+        for (int i = 0; i < count; ++i) {
+            for (int attempt = 0; attempt < 200; ++attempt) {
+                const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+                sockaddr_un address = {};
+                address.sun_family = AF_UNIX;
+                std::strcpy(address.sun_path, path.c_str());
+                if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+                    send(fd, half.data(), half.size(), MSG_NOSIGNAL);
+                    ++connected;
+                    break;
+                }
                 close(fd);
-                fd = -1;
-                server.process(0);
+                usleep(1000);
             }
         }
-        if (fd >= 0) {
-            sendAll(fd, getValues);
-            clients.push_back(fd);
-        }
-        if (i % 50 == 0)
-            server.process(0);
+        ssize_t ignored = write(report[1], &connected, sizeof connected);
+        char c;
+        ignored = read(release[0], &c, 1);
+        (void)ignored;
+        _exit(0);
+    }
+    close(report[1]);
+    close(release[0]);
+    int connected = 0;
+    for (;;) {
+        server.process(1);
         ASSERT_LE(server.connections().size(), Limits().maxConnections);
+        pollfd p = {report[0], POLLIN, 0};
+        if (poll(&p, 1, 0) == 1) {
+            ASSERT_EQ(read(report[0], &connected, sizeof connected),
+                      static_cast<ssize_t>(sizeof connected));
+            break;
+        }
     }
-    EXPECT_GT(clients.size(), 200u);
-    // Everyone that got in is answered once the ones before have left.
-    std::size_t answered = 0;
-    for (int fd : clients) {
-        std::string got;
-        serveUntil(server, [&] {
-            char buffer[256];
-            const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-            if (n > 0)
-                got.append(buffer, static_cast<std::size_t>(n));
-            return !got.empty();
-        });
-        if (!got.empty())
-            ++answered;
-        close(fd);
+    EXPECT_EQ(connected, count);
+    EXPECT_EQ(server.connections().size(), Limits().maxConnections);
+
+    // A peer that comes now is served all the same, once the backlog ahead of it is taken.
+    int fd = -1;
+    for (int i = 0; i < 1000 && fd < 0; ++i) {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+            close(fd);
+            fd = -1;
+            server.process(1);
+        }
     }
-    EXPECT_EQ(answered, clients.size());
+    ASSERT_GE(fd, 0);
+    fcntl(fd, F_SETFL, 0);
+    auto records = ask(fd, request(1, webParams(), {}), 1);
+    EXPECT_NE(findEnd(records, 1), nullptr);
+    close(fd);
+
+    close(release[1]);
+    close(report[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
     EXPECT_TRUE(serveUntil(server, [&] { return server.connections().empty(); }));
 }
