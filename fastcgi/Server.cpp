@@ -194,6 +194,9 @@ void Server::process(int timeout_ms) {
     }
     const Clock::time_point now = Clock::now();
 
+    // A descriptor freed by an eviction may come back from the next accept(): what select()
+    // reported for it belongs to the old connection.
+    std::vector<int> accepted;
     for (int fd : listeningSockets) {
         if (!FD_ISSET(fd, &readSet))
             continue;
@@ -212,6 +215,7 @@ void Server::process(int timeout_ms) {
         auto connection = std::make_unique<Connection>(callbacks, bounds);
         connection->lastActivity = now;
         open[client] = std::move(connection);
+        accepted.push_back(client);
     }
 
     char buffer[readSize];
@@ -219,6 +223,8 @@ void Server::process(int timeout_ms) {
         const int fd = it->first;
         Connection& connection = *it->second;
         ++it;
+        if (std::find(accepted.begin(), accepted.end(), fd) != accepted.end())
+            continue;
         if (FD_ISSET(fd, &readSet)) {
             const ssize_t got = ::read(fd, buffer, sizeof buffer);
             if (got < 0) {
