@@ -1,4 +1,5 @@
 #include "Configuration.h"
+#include "FcgiHandler.h"
 #include "Fmstoip.h"
 #include "Logger.h"
 #include "ModuleInventory.h"
@@ -125,9 +126,8 @@ void startFmstoip(const Configuration& general, Services& services) {
     LOG(3) << "Starting fmstoip service.";
     services.fmstoip = std::shared_ptr<Fmstoip>(new Fmstoip(conf));
     uint16_t port = 0;
-    if (fcgiPort(general, port)) {
-        // The FastCGI front end starts here.
-    }
+    if (fcgiPort(general, port))
+        FcgiHandler::start(port);
 }
 
 void startTime(const Configuration& general, Services& services) {
@@ -228,6 +228,7 @@ int main(int argc, char** argv) {
         pause();
 
     LOG(2) << "Closing program...";
+    FcgiHandler::stop();
     closelog();
     LOGV(8, 8) << "Returning " << caughtSignal;
     releaseServices(services);
