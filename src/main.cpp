@@ -2,6 +2,7 @@
 #include "Logger.h"
 #include "MqttBroker.h"
 #include "TimeService.h"
+#include "Vtoip.h"
 
 #include <getopt.h>
 #include <signal.h>
@@ -89,7 +90,7 @@ struct Services {
     // fmstoip: Fmstoip, FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
     // gnss: Gnss
-    // vehicletoip: Vtoip
+    std::shared_ptr<Vtoip> vtoip;
     std::shared_ptr<MqttBroker> mqttBroker;
 };
 
@@ -136,9 +137,10 @@ void startGnss(const Configuration& general, Services&) {
     LOG(3) << "Starting gnss service.";
 }
 
-void startVehicleToIp(const Configuration& general, Services&) {
+void startVehicleToIp(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "vehicletoip.conf");
     LOG(3) << "Starting vtoip service.";
+    services.vtoip = std::shared_ptr<Vtoip>(new Vtoip(conf));
 }
 
 void startMqtt(const Configuration& general, Services& services) {
@@ -150,7 +152,7 @@ void startMqtt(const Configuration& general, Services& services) {
 // Each release joins the service's threads and withdraws its announcement.
 void releaseServices(Services& services) {
     services.mqttBroker.reset();
-    // Vtoip
+    services.vtoip.reset();
     // Gnss
     // FmstoipFcgi
     services.timeService.reset();
