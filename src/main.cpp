@@ -5,6 +5,7 @@
 #include "ModuleInventory.h"
 #include "MqttBroker.h"
 #include "TimeService.h"
+#include "Vtoip.h"
 
 #include <getopt.h>
 #include <signal.h>
@@ -93,7 +94,7 @@ struct Services {
     // fmstoip: FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
     // gnss: Gnss
-    // vehicletoip: Vtoip
+    std::shared_ptr<Vtoip> vtoip;
     std::shared_ptr<MqttBroker> mqttBroker;
 };
 
@@ -141,9 +142,10 @@ void startGnss(const Configuration& general, Services&) {
     LOG(3) << "Starting gnss service.";
 }
 
-void startVehicleToIp(const Configuration& general, Services&) {
+void startVehicleToIp(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "vehicletoip.conf");
     LOG(3) << "Starting vtoip service.";
+    services.vtoip = std::shared_ptr<Vtoip>(new Vtoip(conf));
 }
 
 void startMqtt(const Configuration& general, Services& services) {
@@ -155,7 +157,7 @@ void startMqtt(const Configuration& general, Services& services) {
 // Each release joins the service's threads and withdraws its announcement.
 void releaseServices(Services& services) {
     services.mqttBroker.reset();
-    // Vtoip
+    services.vtoip.reset();
     // Gnss
     // FmstoipFcgi
     services.timeService.reset();
