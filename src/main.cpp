@@ -1,4 +1,5 @@
 #include "Configuration.h"
+#include "Gnss.h"
 #include "Logger.h"
 #include "MqttBroker.h"
 #include "TimeService.h"
@@ -88,7 +89,7 @@ struct Services {
     // inventory: ModuleInventory
     // fmstoip: Fmstoip, FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
-    // gnss: Gnss
+    std::shared_ptr<Gnss> gnss;
     // vehicletoip: Vtoip
     std::shared_ptr<MqttBroker> mqttBroker;
 };
@@ -131,9 +132,10 @@ void startTime(const Configuration& general, Services& services) {
     services.timeService = std::shared_ptr<TimeService>(new TimeService(conf));
 }
 
-void startGnss(const Configuration& general, Services&) {
+void startGnss(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "gnss.conf");
     LOG(3) << "Starting gnss service.";
+    services.gnss = std::shared_ptr<Gnss>(new Gnss(conf));
 }
 
 void startVehicleToIp(const Configuration& general, Services&) {
@@ -151,7 +153,7 @@ void startMqtt(const Configuration& general, Services& services) {
 void releaseServices(Services& services) {
     services.mqttBroker.reset();
     // Vtoip
-    // Gnss
+    services.gnss.reset();
     // FmstoipFcgi
     services.timeService.reset();
     // Fmstoip
