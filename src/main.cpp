@@ -1,6 +1,7 @@
 #include "Configuration.h"
 #include "FcgiHandler.h"
 #include "Fmstoip.h"
+#include "Gnss.h"
 #include "Logger.h"
 #include "ModuleInventory.h"
 #include "MqttBroker.h"
@@ -93,7 +94,7 @@ struct Services {
     std::shared_ptr<Fmstoip> fmstoip;
     // fmstoip: FmstoipFcgi
     std::shared_ptr<TimeService> timeService;
-    // gnss: Gnss
+    std::shared_ptr<Gnss> gnss;
     std::shared_ptr<Vtoip> vtoip;
     std::shared_ptr<MqttBroker> mqttBroker;
 };
@@ -137,9 +138,10 @@ void startTime(const Configuration& general, Services& services) {
     services.timeService = std::shared_ptr<TimeService>(new TimeService(conf));
 }
 
-void startGnss(const Configuration& general, Services&) {
+void startGnss(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "gnss.conf");
     LOG(3) << "Starting gnss service.";
+    services.gnss = std::shared_ptr<Gnss>(new Gnss(conf));
 }
 
 void startVehicleToIp(const Configuration& general, Services& services) {
@@ -158,7 +160,7 @@ void startMqtt(const Configuration& general, Services& services) {
 void releaseServices(Services& services) {
     services.mqttBroker.reset();
     services.vtoip.reset();
-    // Gnss
+    services.gnss.reset();
     // FmstoipFcgi
     services.timeService.reset();
     services.fmstoip.reset();

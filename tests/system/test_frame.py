@@ -3,6 +3,7 @@
 import os
 import signal
 import socket
+import threading
 import time
 
 import pytest
@@ -134,17 +135,27 @@ def test_fcgi_port_must_be_a_number(sandbox, port):
 
 def test_syslog(sandbox):
     path, sock = sandbox.syslog_receiver()
+    sock.settimeout(0.5)
+    messages, done = [], threading.Event()
+
+    def receive():
+        # Read all along, as a syslog daemon does: once the socket's queue (10 datagrams) is
+        # full, syslog() blocks the daemon.
+        while True:
+            try:
+                messages.append(sock.recv(65536).decode())
+            except socket.timeout:
+                if done.is_set():
+                    return
+
+    receiver = threading.Thread(target=receive)
+    receiver.start()
     proc, rc = start_and_interrupt(sandbox, "gnss", "-s", "-v", dev_log=path)
+    done.set()
+    receiver.join()
     assert rc == 2
     assert proc.stderr == ""
     assert proc.stdout == "Caught signal 2\n"
-    sock.settimeout(1)
-    messages = []
-    try:
-        while True:
-            messages.append(sock.recv(65536).decode())
-    except socket.timeout:
-        pass
     # <priority>timestamp ident: text -- LOG_USER is 8; INFO 6, NOTE 5, WARN 4.
     assert any(m.startswith("<14>") and " tavro-gnss: INFO: Starting gnss service.\n" in m
                for m in messages), messages

@@ -1,0 +1,80 @@
+#ifndef TAVRO_GNSS_H
+#define TAVRO_GNSS_H
+
+#include "GnssXMLGenerator.h"
+#include "MulticastSender.h"
+#include "Service.h"
+#include "XMLHook.h"
+
+#include <json/json.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+// Follows the local gpsd (JSON reports and raw NMEA) and multicasts the vehicle position as
+// a GNSSLocationDelivery document once a second. The reader thread reconnects by itself
+// whenever gpsd goes away.
+class Gnss : public Service, public XMLHook {
+public:
+    explicit Gnss(const Configuration& configuration);
+    ~Gnss() override;
+
+    // Sends one finished document; called by the generator's thread.
+    void deliver(std::stringstream& document) override;
+
+    // One line from gpsd, as the reader thread handles it.
+    void handleLine(const std::string& line);
+
+    // Longest line taken from gpsd, line end included; a longer one is dropped whole.
+    static constexpr size_t maxLineLength = 65536;
+    // A reader waiting on a silent gpsd looks at the running flag this often.
+    static constexpr std::chrono::milliseconds pollInterval{200};
+
+private:
+    enum class ReadResult { Line, Failed, Stopped };
+
+    void startReader();
+    void stopReader();
+    void readerMain();
+    // False when the reader has to end: stopped, or no socket or address to connect with.
+    bool connectToGpsd();
+    ReadResult readLine(std::string& line);
+    // Waits for fd to become ready for events; false once stopped.
+    bool waitReady(short events);
+    // False when stopped before the time was up.
+    bool pause(std::chrono::milliseconds duration);
+    void closeSocket();
+
+    std::atomic<bool> running{false};
+    std::thread reader;
+    const std::string multicastAddress;
+    const std::string servicePort;
+    const std::string networkInterface;
+    const uint8_t multicastTtl;
+    const std::string gpsdAddress;
+    const std::string gpsdPort;
+    // Used by the reader thread only.
+    int socketFd = -1;
+    // Declared before the generator, whose thread sends through it until it is joined.
+    MulticastSender sender;
+    GnssXMLGenerator generator;
+    Json::CharReaderBuilder jsonSettings;
+    const std::unique_ptr<Json::CharReader> jsonReader;
+    // Lets stop() end the reader's pause between connection attempts at once.
+    std::mutex mutex;
+    std::condition_variable wake;
+};
+
+// Hands one line of gpsd output to the generator: an NMEA sentence ('$' first) goes into
+// the document's Data, a TPV or SKY report gives position and quality values. Anything else
+// is logged and dropped; nothing is thrown.
+void handleGpsdLine(const std::string& line, Json::CharReader& reader, GnssXMLGenerator& generator);
+
+#endif
