@@ -25,6 +25,10 @@ Service::Service(const Configuration& configuration) {
 
 Service::~Service() = default;
 
+void Service::announce() {
+    publisher.start();
+}
+
 bool parsePort(const std::string& text, uint16_t& port) {
     if (text.empty() || text.size() > 5)
         return false;

@@ -16,6 +16,9 @@ public:
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
 
+    // Starts the announcement as it stands, for owners that add no records of their own.
+    void announce();
+
 protected:
     AvahiHandler publisher;
 };

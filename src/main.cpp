@@ -1,6 +1,7 @@
 #include "Configuration.h"
 #include "FcgiHandler.h"
 #include "Fmstoip.h"
+#include "FmstoipFcgi.h"
 #include "Gnss.h"
 #include "Logger.h"
 #include "ModuleInventory.h"
@@ -92,7 +93,7 @@ void raiseVerbosity() {
 struct Services {
     std::shared_ptr<ModuleInventory> inventory;
     std::shared_ptr<Fmstoip> fmstoip;
-    // fmstoip: FmstoipFcgi
+    std::shared_ptr<FmstoipFcgi> fmstoipFcgi;
     std::shared_ptr<TimeService> timeService;
     std::shared_ptr<Gnss> gnss;
     std::shared_ptr<Vtoip> vtoip;
@@ -126,7 +127,10 @@ void startFmstoip(const Configuration& general, Services& services) {
     Configuration removeConf(general, configDir + "removepgn.conf");
     Configuration getConf(general, configDir + "getpgn.conf");
     LOG(3) << "Starting fmstoip service.";
+    services.fmstoipFcgi =
+        std::shared_ptr<FmstoipFcgi>(new FmstoipFcgi(addConf, removeConf, getConf));
     services.fmstoip = std::shared_ptr<Fmstoip>(new Fmstoip(conf));
+    services.fmstoipFcgi->set_pgn_hook(services.fmstoip.get());
     uint16_t port = 0;
     if (fcgiPort(general, port))
         FcgiHandler::start(port);
@@ -161,7 +165,7 @@ void releaseServices(Services& services) {
     services.mqttBroker.reset();
     services.vtoip.reset();
     services.gnss.reset();
-    // FmstoipFcgi
+    services.fmstoipFcgi.reset();
     services.timeService.reset();
     services.fmstoip.reset();
     services.inventory.reset();

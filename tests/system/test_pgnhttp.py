@@ -1,0 +1,92 @@
+"""PGN requests over HTTP: a real nginx in front of tavro-fmstoip, frames from the virtual CAN
+bus, multicast on the far end of a veth pair, the three announcements seen by avahi-daemon."""
+
+import time
+
+from canbus_peer import CanBus
+from nginx_peer import Nginx, wait_for_port
+from sandbox import SLOW
+from test_fmstoip import CCVS, COUNTER_FILE, EEC1, frames_of, network, play, start
+
+FCGI_PORT = 9000
+HEAD = "Status: %d\r\nContent-Type: %s\r\n\r\n"
+PAGE = "<html><body>%s</body></html>\n"
+OK = (200, "text/html", PAGE % "Ok")
+BAD = (400, "text/html", PAGE % "Bad Request")
+NO_PACKET = (408, "text/html", PAGE % "No can packet with the requested pgn is available.")
+
+
+def endpoint(name):
+    return {"service_name": "tavro-%spgn" % name, "service_type": "%spgn" % name,
+            "service_protocol": "tcp", "service_domain": "local", "service_port": 8085,
+            "service_txtversion": 1, "service_version": "1.0",
+            "service_path": "/fmstoip/%spgn" % name}
+
+
+def test_pgn_requests_through_nginx(sandbox, avahi):
+    listener = network(sandbox)
+    bus = CanBus(sandbox)
+    sandbox.write_conf("tavro.conf", {"fcgi_port": FCGI_PORT})
+    for name in ("add", "remove", "get"):
+        sandbox.write_conf("%spgn.conf" % name, endpoint(name))
+    proc = start(sandbox, bus, counts="")
+    wait_for_port(FCGI_PORT)
+    nginx = Nginx(sandbox, FCGI_PORT)
+
+    def ask(name, root, pgn="FEF1", path=None):
+        status, _, headers, body = nginx.request(
+            "POST", path or "/fmstoip/%spgn" % name, "<%s>%s</%s>" % (root, pgn, root))
+        return status, headers["Content-Type"], body.decode()
+
+    def counts():
+        with open(COUNTER_FILE) as f:
+            return f.read()
+
+    def sent(*frames):
+        """PGNs of the datagrams for the frames; F004, requested, comes last as end marker."""
+        listener.clear()
+        play(bus, *frames, EEC1)
+        listener.wait_for(predicate=lambda d: b"<PGN>F004</PGN>" in d)
+        return [frames_of(d)[1][0][0] for d in listener.payloads()]
+
+    assert ask("get", "PGNGet") == NO_PACKET
+    # Seen on the bus but not requested: kept for the get request, not sent.
+    play(bus, CCVS)
+    deadline = time.monotonic() + 5 * SLOW
+    while (answer := ask("get", "PGNGet")) == NO_PACKET and time.monotonic() < deadline:
+        time.sleep(0.05)
+    assert answer[:2] == (200, "text/xml")
+    assert [f[:2] for f in frames_of(answer[2])[1]] == [("FEF1", "0480140000000000")]
+    for other in ("65265", "fef1", "F004"):
+        assert ask("get", "PGNGet", other) == NO_PACKET
+    assert listener.datagrams == []
+    proc.wait_for(r"^INFO: html error, no package\. 408$")
+
+    assert ask("add", "PGNReq", "F004") == ask("add", "PGNReq") == OK
+    assert counts() == "F004=1\nFEF1=1\n"
+    assert sent(CCVS) == ["FEF1", "F004"]
+    assert ask("add", "PGNReq") == ask("remove", "PGNRem") == OK
+    assert counts() == "F004=1\nFEF1=1\n"
+    assert ask("remove", "PGNRem") == OK
+    assert counts() == "F004=1\n"
+    assert sent(CCVS) == ["F004"]
+
+    assert ask("get", "PGNReq") == ask("add", "PGNGet") == ask("remove", "x") == BAD
+    assert ask("get", "PGNGet", path="/fmstoip/other") == (404, "text/html", PAGE % "Not Found")
+    # A body above 32 KiB comes in several STDIN records, each parsed and answered alone: the
+    # ones cut inside the comment are bad requests, the last one holds a whole element.
+    status, _, _, body = nginx.request("POST", "/fmstoip/addpgn",
+                                       "<!--%s--><PGNReq>FEF1</PGNReq>" % ("x" * 40000))
+    # nginx takes the first answer's head for the HTTP head.
+    answers = ["Status: " + a for a in (HEAD % BAD[:2] + body.decode()).split("Status: ")[1:]]
+    assert status == 400 and len(answers) >= 2
+    assert answers[:-1] == [HEAD % BAD[:2] + BAD[2]] * (len(answers) - 1)
+    assert answers[-1] == HEAD % OK[:2] + OK[2]
+    assert counts() == "F004=1\nFEF1=1\n"
+
+    for name in ("add", "remove", "get"):
+        rec = avahi.wait_for("tavro-%spgn" % name, "_%spgn._tcp" % name)
+        assert (rec.port, rec.txt) == (8085, ["txtversion=1", "version=1.0",
+                                              "path=/fmstoip/%spgn" % name])
+    proc.interrupt()
+    assert proc.wait(10) == 2
