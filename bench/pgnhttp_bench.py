@@ -2,7 +2,7 @@
 """PGNGet requests per second and latency through nginx: tavro-fmstoip against a minimal
 libfcgi responder that answers the same bytes, behind the same nginx, measured in turns.
 
-    tests/bench/pgnhttp_bench.py [--seconds 5] [--connections 4] [--rounds 3]
+    bench/pgnhttp_bench.py [--seconds 5] [--connections 4] [--rounds 3]
 
 Runs itself in throw-away namespaces (tests/system/sandboxed); needs the plain build with
 the benchmarks (TAVRO_BUILD_DIR, default build/plain) and wrk.
@@ -18,7 +18,7 @@ import sys
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SYSTEM = os.path.join(HERE, "..", "system")
+SYSTEM = os.path.join(HERE, "..", "tests", "system")
 sys.path.insert(0, SYSTEM)
 
 FCGI_PORT, RESPONDER_PORT = 9000, 9001
@@ -70,7 +70,7 @@ def main():
         with open(answer, "wb") as f:
             f.write(b"Status: 200\r\nContent-Type: %s\r\n\r\n" % headers["Content-Type"].encode()
                     + document)
-        sandbox.processes.append(Process([os.path.join(BUILD_DIR, "tests", "fcgi_responder"),
+        sandbox.processes.append(Process([os.path.join(BUILD_DIR, "bench", "fcgi_responder"),
                                           str(RESPONDER_PORT), answer]))
         wait_for_port(RESPONDER_PORT)
         assert nginx.request("POST", "/libfcgi/getpgn", BODY)[3] == document
