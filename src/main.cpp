@@ -14,6 +14,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -104,9 +106,11 @@ struct Services {
 // rather than listening on a port nobody configured.
 bool fcgiPort(const Configuration& general, uint16_t& port) {
     const std::string text = general.getString("fcgi_port");
-    int value = 0;
-    char rest = 0;
-    if (sscanf(text.c_str(), "%d%c", &value, &rest) != 1) {
+    // strtol, not sscanf: an out-of-range number must not be undefined behaviour.
+    errno = 0;
+    char* end = nullptr;
+    const long value = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < INT32_MIN || value > INT32_MAX) {
         LOG(0) << "No valid \"fcgi_port\" in configuration (\"" << text
                << "\"). FastCGI front end not started.";
         return false;

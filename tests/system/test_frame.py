@@ -122,7 +122,7 @@ def test_verbosity_steps(sandbox, args, expected):
         assert proc.stderr == ""
 
 
-@pytest.mark.parametrize("port", [None, "", "http", "9000x"])
+@pytest.mark.parametrize("port", [None, "", "http", "9000x", "99999999999"])
 def test_fcgi_port_must_be_a_number(sandbox, port):
     if port is not None:
         sandbox.write_conf("tavro.conf", "fcgi_port=%s\n" % port)
