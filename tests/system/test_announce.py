@@ -46,25 +46,27 @@ def warnings_for(proc, key):
     return [l for l in proc.lines() if l == 'WARN: Value "%s" not found in configuration.' % key]
 
 
-@pytest.mark.parametrize("conf,txt", [
-    (dict(MQTT, service_path="/broker"),
+@pytest.mark.parametrize("service,conf,txt", [
+    ("mqtt", dict(MQTT, service_path="/broker"),
      ["txtversion=1", "version=1.0", "path=/broker", "brand=mosquitto", "proto=3.1.1",
       "topic=vehicle/status"]),
-    (MQTT,
+    ("mqtt", MQTT,
      ["txtversion=1", "version=1.0", "brand=mosquitto", "proto=3.1.1", "topic=vehicle/status"]),
-    (without(MQTT, "topic"), ["txtversion=1", "version=1.0", "brand=mosquitto", "proto=3.1.1",
-                              "topic="]),
+    ("mqtt", without(MQTT, "topic"),
+     ["txtversion=1", "version=1.0", "brand=mosquitto", "proto=3.1.1", "topic="]),
+    pytest.param("time", TIME, ["txtversion=1", "version=1.0"], marks=pytest.mark.emulated),
 ])
-def test_mqtt_broker_announcement(sandbox, avahi, conf, txt):
+def test_announcement(sandbox, avahi, service, conf, txt):
     remote = avahi.remote()
-    sandbox.write_conf("mqttbroker.conf", conf)
-    proc = sandbox.tavro("mqtt")
+    sandbox.write_conf({"mqtt": "mqttbroker.conf", "time": "time.conf"}[service], conf)
+    proc = sandbox.tavro(service)
     # As another host on the vehicle network sees it.
-    rec = remote.wait_for("tavro-mqtt", "_mqtt._tcp")
-    assert (rec.interface, rec.protocol, rec.type, rec.port) == ("v1", "IPv4", "_mqtt._tcp", 1883)
+    kind = "_%s._%s" % (conf["service_type"], conf["service_protocol"])
+    rec = remote.wait_for(conf["service_name"], kind)
+    assert (rec.interface, rec.protocol, rec.port) == ("v1", "IPv4", conf["service_port"])
     assert (rec.host, rec.address) == ("tavro-test.local", "10.20.0.1")
     assert rec.txt == txt
-    assert len(warnings_for(proc, "topic")) == (0 if "topic" in conf else 1)
+    assert len(warnings_for(proc, "topic")) == (service == "mqtt" and "topic" not in conf)
     assert warnings_for(proc, "service_path") == []
     proc.interrupt()
     assert proc.wait(5) == 2
@@ -114,6 +116,7 @@ def test_waits_for_avahi_survives_its_restart_and_withdraws_on_sigint(sandbox):
     watch.wait_removed("tavro-mqtt")
 
 
+@pytest.mark.emulated
 def test_without_system_bus_the_process_ends(sandbox):
     sandbox.system_bus = False
     sandbox.write_conf("time.conf", TIME)

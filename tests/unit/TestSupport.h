@@ -86,6 +86,13 @@ public:
     std::string path;
 };
 
+// The shell command that starts a program of the build's tools/ folder; in a cross build it
+// runs under the build's emulator.
+inline std::string toolCommand(const std::string& name) {
+    const std::string emulator = TAVRO_TOOL_EMULATOR;
+    return (emulator.empty() ? "" : emulator + " ") + TAVRO_TOOLS_DIR + "/" + name;
+}
+
 // qemu-user of Debian 12 (7.2), which runs the armhf unit tests, does not emulate the
 // IP_MULTICAST_IF socket option: there no multicast sender can be opened at all. Real
 // kernels, the VM stage among them, always have it.

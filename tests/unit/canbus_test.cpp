@@ -49,8 +49,7 @@ protected:
     // Runs the player on a log text; returns its standard output.
     std::string play(const std::string& log, const std::string& options = "-f -m can0=vcan0") {
         const std::string path = root.write("frames.log", log);
-        const std::string command =
-            std::string(TAVRO_TOOLS_DIR) + "/tavro-canplayer " + options + " " + path;
+        const std::string command = toolCommand("tavro-canplayer") + " " + options + " " + path;
         FILE* pipe = popen(command.c_str(), "r");
         EXPECT_NE(pipe, nullptr);
         std::string out;

@@ -186,7 +186,7 @@ TEST_F(VtoipTest, TwoReadersOneDocumentAndASharedReaderOutlivesTheService) {
                                                     "(0.0) vtoip-b 1CEBFF00#025A314B50303132\n"
                                                     "(0.0) vtoip-b 1CEBFF00#033334352AFFFFFF\n"
                                                     "(0.0) vtoip-b 18FF1121#005F0001FFFFFFFF\n");
-    const std::string player = std::string(TAVRO_TOOLS_DIR) + "/tavro-canplayer -f " + log;
+    const std::string player = toolCommand("tavro-canplayer") + " -f " + log;
     ASSERT_EQ(system((player + " >/dev/null").c_str()), 0);
     const std::string before = formatDateTime(now());
     std::string document;
