@@ -234,8 +234,9 @@ int main(int argc, char** argv) {
     if (index == All || index == Mqtt)
         startMqtt(*general, services);
 
-    signal(SIGINT, onSignal);
+    // Cleared before the handler exists, so that no caught signal can be overwritten.
     caughtSignal = 0;
+    signal(SIGINT, onSignal);
     while (caughtSignal == 0)
         pause();
 

@@ -114,11 +114,12 @@ def test_immediate_mode_sends_each_requested_frame(sandbox, avahi):
     version, frames = frames_of(first)
     ((pgn, data, relative, spns),) = frames
     assert (version, pgn, data, spns) == ("0000", "FEF1", "0480140000000000", CCVS_SPNS)
-    # The reader's own kernel stamp; the peer's socket got the frame a moment apart.
-    assert abs(relative - stamps[0]) <= 1
+    # The reader's own kernel stamp; the peer's socket got its copy a moment apart (more on a
+    # loaded machine). The VM check compares with the very same stamp, exactly.
+    assert abs(relative - stamps[0]) <= 50
     version, ((pgn, data, relative, spns),) = frames_of(second)
     assert (version, pgn, data) == ("0402", "FEF1", "0000000000000000")
-    assert abs(relative - stamps[3]) <= 1
+    assert abs(relative - stamps[3]) <= 50
     assert all(d[2] == 1 for d in got), "the configured TTL"
 
 
