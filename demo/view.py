@@ -18,6 +18,7 @@ import re
 import shutil
 import signal
 import sys
+import tempfile
 import textwrap
 import time
 import xml.etree.ElementTree as ET
@@ -30,6 +31,8 @@ from sandbox import Sandbox, run
 # EEC1, TCO1, DC1 and the vehicle identification, which comes as a BAM.
 REQUESTED = ("FEF1", "FDA5", "FEC1", "FEE9", "FDD1")
 FETCHED = ("F004", "FE6C", "FE4E", "FEEC")
+# Where the harness and the peers mount a tmpfs.
+MOUNT_POINTS = ("/etc/tavro", "/tmp/status", "/run/dbus", "/run/avahi-daemon", "/run/tavro-vcan")
 FETCH_EVERY = 5.0
 BLOCK_EVERY = 10.0  # without a terminal
 
@@ -236,13 +239,13 @@ def main():
     signal.signal(signal.SIGTERM, stop_on_sigterm)
     tty = sys.stdout.isatty()
 
-    # What the demo writes lives on tmpfs mounts of this mount namespace, except the mount
-    # point /etc/tavro, removed again if the demo made it.
-    made_conf_dir = not os.path.isdir("/etc/tavro")
-    for path in ("/tmp", "/run"):
-        run("mount", "-t", "tmpfs", "-o", "mode=1777" if path == "/tmp" else "mode=0755",
-            "tmpfs", path)
-    sandbox = Sandbox("/tmp")
+    # What the demo writes lies on tmpfs mounts of this mount namespace, which end with it;
+    # the mount points it has to make are removed again.
+    made = [path for path in MOUNT_POINTS if not os.path.isdir(path)]
+    work = tempfile.mkdtemp(prefix="tavro-demo-")
+    made.append(work)
+    run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", work)
+    sandbox = Sandbox(work)
     view = None
     reasons = []
     try:
@@ -284,9 +287,10 @@ def main():
         if view is not None:
             reasons += finish(view, args.duration)
         sandbox.close()
-        if made_conf_dir:
+        run("umount", "-l", work, check=False)
+        for path in made:
             try:
-                os.rmdir("/etc/tavro")
+                os.rmdir(path)
             except OSError:
                 pass
     for reason in reasons:
