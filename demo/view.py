@@ -254,7 +254,9 @@ def main():
         view = View(Vehicle(sandbox))
         view.request_pgns()
         deadline = view.started + args.duration if args.duration else None
-        next_fetch = next_block = time.monotonic()
+        # The first fetch once the log player has sent a second of frames.
+        next_block = time.monotonic()
+        next_fetch = next_block + 1.0
         while deadline is None or time.monotonic() < deadline:
             if not view.vehicle.tavro.running():
                 reasons.append("tavro-all ended on its own with status %s"
