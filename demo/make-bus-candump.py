@@ -35,6 +35,12 @@ BODY_VEHICLE = (0x18FF1100 | BODY, 1.0, 0.407)
 FMS1 = (0x18FDD100 | ENGINE, 10.0, 0.509)
 VI = (0x18FEEC00 | ENGINE, 10.0, 0.611)  # sent as a BAM
 VIN = b"WMA06XZZ1KP012345*"
+HEADER = """\
+# Written for the tavro demo by demo/make-bus-candump.py: one synthetic minute of a city bus
+# on the CAN bus of its FMS gateway and body controller, not recorded on a vehicle. Doors
+# close at a stop, the bus drives 344 m at up to 40 km/h, a passenger presses the stop button,
+# the bus stops and opens doors 1 and 3.
+"""
 
 
 def speed_kmh(t):
@@ -180,7 +186,7 @@ def main():
     out.sort(key=lambda l: float(l[1:l.index(")")]))
     path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "bus.candump")
     with open(path, "w") as f:
-        f.write("\n".join(out) + "\n")
+        f.write(HEADER + "\n".join(out) + "\n")
     print("%s: %d frames, %.0f m" % (path, len(out), bus.distance))
 
 

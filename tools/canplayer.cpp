@@ -180,8 +180,8 @@ bool readLog(std::istream& in, const std::string& name, std::vector<LoggedFrame>
         std::string stamp;
         std::string interface;
         std::string text;
-        if (!(words >> stamp))
-            continue; // blank line
+        if (!(words >> stamp) || stamp[0] == '#')
+            continue; // blank line or comment
         LoggedFrame logged;
         std::string error;
         if (!(words >> interface >> text))

@@ -53,9 +53,11 @@ class Process:
                  name=None):
         self.name = name or os.path.basename(argv[0])
         self.argv = argv
+        # A session of its own: a Ctrl-C at the terminal is for the harness, which stops
+        # each process by its PID in its own order.
         self.popen = subprocess.Popen(argv, executable=executable, env=env, cwd=cwd,
                                       stdin=stdin, stdout=subprocess.PIPE,
-                                      stderr=subprocess.PIPE)
+                                      stderr=subprocess.PIPE, start_new_session=True)
         self.pid = self.popen.pid
         self._chunks = {"stdout": [], "stderr": []}
         self._cond = threading.Condition()
@@ -141,6 +143,7 @@ class MulticastListener:
     """Receives datagrams of one group and port on the interface with address iface_addr."""
 
     def __init__(self, group, port, iface_addr="127.0.0.1"):
+        self.group, self.port = group, port
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM, socket.IPPROTO_UDP)
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.sock.bind(("", port))
@@ -188,6 +191,12 @@ class MulticastListener:
     def clear(self):
         with self._cond:
             self.datagrams = []
+
+    def take(self):
+        """The datagrams received since the last take, forgotten here."""
+        with self._cond:
+            taken, self.datagrams = self.datagrams, []
+            return taken
 
     def close(self):
         self._stop = True
