@@ -333,7 +333,7 @@ def test_avahi_daemon_killed_and_restarted(world):
 
 
 def test_runs_to_its_end_without_leaks(world):
-    # The sanitizer build keeps the daemon busy for a few minutes before LeakSanitizer looks.
+    # The sanitizer build keeps the daemon busy for two minutes in all before LeakSanitizer looks.
     end = world.started + (LEAK_RUN_SECONDS if SANITIZED else 0)
     while time.monotonic() < end:
         assert world.ask("PGNReq", "F004")[0] == world.ask("PGNRem", "F004")[0] == 200
