@@ -161,10 +161,14 @@ void Connection::stdinData(uint16_t id, const char* content, std::size_t length)
 
 bool Connection::admit(uint16_t id, Request& request, std::size_t extra) {
     const std::size_t held = heldBytes();
-    if (held <= limits.maxHeldBytes && extra <= limits.maxHeldBytes - held)
+    const std::size_t total = held + othersHeld;
+    const bool fits = held <= limits.maxHeldBytes && extra <= limits.maxHeldBytes - held;
+    const bool fitsAll =
+        total <= limits.maxTotalHeldBytes && extra <= limits.maxTotalHeldBytes - total;
+    if (fits && fitsAll)
         return true;
     if (callbacks.limit != nullptr)
-        callbacks.limit(request);
+        callbacks.limit(request, fits);
     writeStream(output, STDOUT, id, std::string());
     writeStream(output, STDERR, id, std::string());
     appendEndRequest(output, id, 1, OVERLOADED);

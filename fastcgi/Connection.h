@@ -14,8 +14,9 @@
 
 namespace FastCGIServer {
 
-// Told about a request that is ended because its connection would hold too much.
-using LimitFunction = void (*)(const Request& request);
+// Told about a request that is ended because its connection, or all connections together
+// (allConnections), would hold too much.
+using LimitFunction = void (*)(const Request& request, bool allConnections);
 
 struct Callbacks {
     Callbacks();
@@ -51,6 +52,9 @@ public:
     // Set by a wrong version or an exceeded bound: the peer's further bytes are dropped.
     bool halted = false;
     std::chrono::steady_clock::time_point lastActivity;
+    // What the server's other connections hold, against Limits::maxTotalHeldBytes; set by
+    // the server before each receive().
+    std::size_t othersHeld = 0;
 
 private:
     void consume();

@@ -218,6 +218,9 @@ void Server::process(int timeout_ms) {
         accepted.push_back(client);
     }
 
+    std::size_t held = 0;
+    for (const auto& entry : open)
+        held += entry.second->heldBytes();
     char buffer[readSize];
     for (auto it = open.begin(); it != open.end();) {
         const int fd = it->first;
@@ -240,7 +243,9 @@ void Server::process(int timeout_ms) {
                 connection.closing = true;
             } else {
                 connection.lastActivity = now;
+                connection.othersHeld = held - connection.heldBytes();
                 connection.receive(buffer, static_cast<std::size_t>(got));
+                held = connection.othersHeld + connection.heldBytes();
             }
         }
         if (connection.output.empty()) {

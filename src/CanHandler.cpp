@@ -12,6 +12,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -157,7 +159,7 @@ int CanHandler::start() {
     }
     running = true;
     try {
-        thread = std::thread(&CanHandler::readLoop, this, socketFd);
+        thread = std::thread(&CanHandler::readLoop, this);
     } catch (const std::system_error&) {
         LOG(1) << "Error creating can thread";
         running = false;
@@ -189,7 +191,7 @@ void CanHandler::halt() {
     closeSocket();
 }
 
-bool CanHandler::openSocket() {
+bool CanHandler::openSocket(bool report) {
     // Longer names do not fit an interface request; cutting them could bind another one.
     if (interface.size() >= IFNAMSIZ) {
         LOG(1) << "Can interface name too long: " << interface;
@@ -200,7 +202,9 @@ bool CanHandler::openSocket() {
     int fd = virtualBus ? socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)
                         : socket(AF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW);
     if (fd < 0) {
-        LOG(1) << "Error while opening can socket";
+        if (report) {
+            LOG(1) << "Error while opening can socket";
+        }
         return false;
     }
     struct timeval timeout;
@@ -242,7 +246,9 @@ bool CanHandler::openSocket() {
     }
     // An unknown interface fails like its bind: index 0 would bind every CAN interface.
     if (!known) {
-        LOG(1) << "Error in socket bind";
+        if (report) {
+            LOG(1) << "Error in socket bind";
+        }
         close(fd);
         return false;
     }
@@ -255,13 +261,24 @@ bool CanHandler::openSocket() {
     if (virtualBus)
         unlink(path.c_str());
     if (bind(fd, &address.generic, addressLength) != 0) {
-        LOG(1) << "Error in socket bind";
+        if (report) {
+            LOG(1) << "Error in socket bind";
+        }
         close(fd);
         return false;
     }
+    struct stat bound;
+    boundInode = virtualBus && stat(path.c_str(), &bound) == 0 ? bound.st_ino : 0;
     socketFd = fd;
     boundPath = path;
     return true;
+}
+
+bool CanHandler::boundPathLost() const {
+    if (boundPath.empty())
+        return false;
+    struct stat info;
+    return stat(boundPath.c_str(), &info) != 0 || info.st_ino != boundInode;
 }
 
 void CanHandler::closeSocket() {
@@ -273,7 +290,7 @@ void CanHandler::closeSocket() {
     boundPath.clear();
 }
 
-void CanHandler::readLoop(int fd) {
+void CanHandler::readLoop() {
     can_frame frame;
     memset(&frame, 0, sizeof frame);
     SocketAddress source;
@@ -289,15 +306,56 @@ void CanHandler::readLoop(int fd) {
     message.msg_iov = &vector;
     message.msg_iovlen = 1;
     uint64_t timestamp = 0;
+    // A lost interface is looked for again, and a virtual bus socket checked, once a second.
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point nextCheck = Clock::now() + std::chrono::seconds(1);
+    bool lost = false;
 
     while (running) {
+        if (lost) {
+            if (Clock::now() < nextCheck) {
+                usleep(10000);
+                continue;
+            }
+            nextCheck = Clock::now() + std::chrono::seconds(1);
+            if (openSocket(false)) {
+                lost = false;
+                LOG(2) << "Can: " << interface << " is back.";
+            }
+            continue;
+        }
         message.msg_name = &source.can;
         message.msg_namelen = sizeof source.can;
         message.msg_control = control.bytes;
         message.msg_controllen = sizeof control.bytes;
         message.msg_flags = 0;
-        const ssize_t received = recvmsg(fd, &message, 0);
-        // Time-out, or a record too short to be a frame.
+        const ssize_t received = recvmsg(socketFd, &message, 0);
+        if (received < 0) {
+            const int error = errno;
+            const char* reason = nullptr;
+            if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR) {
+                // Nothing says that a virtual bus directory went away but its silence.
+                if (Clock::now() < nextCheck)
+                    continue;
+                nextCheck = Clock::now() + std::chrono::seconds(1);
+                if (!boundPathLost())
+                    continue;
+                reason = "its bus socket was removed";
+            } else if (error == ENETDOWN) {
+                // Still bound: frames come again once the interface is up.
+                LOG(1) << "Can: " << interface << " is down.";
+                continue;
+            } else {
+                reason = strerror(error);
+            }
+            LOG(1) << "Can: " << interface << " is gone (" << reason
+                   << "). Opening it again every second.";
+            closeSocket();
+            lost = true;
+            nextCheck = Clock::now() + std::chrono::seconds(1);
+            continue;
+        }
+        // A record too short to be a frame.
         if (received < static_cast<ssize_t>(sizeof frame))
             continue;
         controlTimestamp(message, timestamp);

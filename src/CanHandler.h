@@ -5,6 +5,7 @@
 #include "CanHook.h"
 
 #include <sys/socket.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -22,6 +23,10 @@
 // $TAVRO_VCAN_DIR/NAME: the reader binds a Unix datagram socket of its own in it, and a
 // sender writes each 16-byte can_frame record to every socket there. Only the opening of the
 // socket differs from SocketCAN.
+//
+// An interface that vanishes while read (unregistered, or its bus directory removed) is
+// logged once and opened again every second until it is back; one taken down stays bound
+// and delivers again once it is up.
 class CanHandler {
 public:
     // The registry's handler for name, created (not started) on first use. Handlers stay
@@ -59,11 +64,16 @@ public:
     void dispatch(const can_frame& frame, uint64_t timestamp);
 
 private:
-    bool openSocket();
+    // report: log why opening failed (not while retrying a lost interface every second).
+    bool openSocket(bool report = true);
     void closeSocket();
     void halt();
-    void readLoop(int fd);
+    void readLoop();
+    // True when the virtual bus socket file is no longer the one bound (directory removed).
+    bool boundPathLost() const;
 
+    // Owned by the reader thread while it runs (it reopens a lost interface), else by
+    // controlMutex.
     int socketFd = -1;
     const std::string interface;
     std::thread thread;
@@ -72,6 +82,7 @@ private:
     std::mutex hookMutex;    // the hook table; held by the reader during one dispatch
     std::mutex controlMutex; // start, stop and the socket
     std::string boundPath;   // the virtual bus socket, removed on close
+    ino_t boundInode = 0;    // of boundPath right after bind
 };
 
 // Milliseconds since the epoch from the receive time stamp among the SOL_SOCKET control

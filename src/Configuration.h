@@ -1,6 +1,7 @@
 #ifndef TAVRO_CONFIGURATION_H
 #define TAVRO_CONFIGURATION_H
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -12,6 +13,11 @@ std::vector<std::string> splitString(const std::string& text, char delimiter);
 // general file, are appended behind the ones already there.
 class Configuration {
 public:
+    // Bounds of what one file may make the reader hold: a longer line is skipped whole, and
+    // reading stops at the first line that ends beyond maxFileSize; both with a warning.
+    static constexpr size_t maxLineLength = 4096;
+    static constexpr size_t maxFileSize = 1024 * 1024;
+
     explicit Configuration(const std::string& path);
     Configuration(const Configuration& base, const std::string& path);
     virtual ~Configuration();

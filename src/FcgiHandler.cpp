@@ -90,9 +90,12 @@ int onComplete(Request& request) {
     return static_cast<int>(sum);
 }
 
-void onLimit(const Request& request) {
+void onLimit(const Request& request, bool allConnections) {
+    const FastCGIServer::Limits limits;
     LOG(1) << "FastCGI request for \"" << param(request, "REQUEST_URI")
-           << "\" ended: its connection held more than " << FastCGIServer::Limits().maxHeldBytes
+           << "\" ended: " << (allConnections ? "all connections together" : "its connection")
+           << " held more than "
+           << (allConnections ? limits.maxTotalHeldBytes : limits.maxHeldBytes)
            << " bytes. Connection closed.";
 }
 

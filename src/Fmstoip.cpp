@@ -237,10 +237,24 @@ void Fmstoip::addPgn(const std::string& pgn) {
     LOG(3) << "adding PGN: " << pgn;
     std::lock_guard<std::mutex> lock(requestsMutex);
     auto entry = requestCounts.find(pgn);
-    if (entry == requestCounts.end())
+    if (entry == requestCounts.end() || entry->second == 0) {
+        if (pgn.size() > maxRequestLength) {
+            LOG(1) << "Request for a PGN text of " << pgn.size() << " bytes not counted (at most "
+                   << maxRequestLength << ").";
+            return;
+        }
+        const auto requested =
+            std::count_if(requestCounts.begin(), requestCounts.end(),
+                          [](const auto& counted) { return counted.second != 0; });
+        if (static_cast<size_t>(requested) >= maxRequestedPgns) {
+            LOG(1) << "Request for PGN \"" << pgn << "\" not counted: " << maxRequestedPgns
+                   << " PGNs are requested already.";
+            return;
+        }
         requestCounts[pgn] = 1;
-    else if (entry->second < maxRequests)
+    } else if (entry->second < maxRequests) {
         ++entry->second;
+    }
     writeCounts();
 }
 
@@ -248,8 +262,10 @@ void Fmstoip::removePgn(const std::string& pgn) {
     LOG(3) << "removing PGN: " << pgn;
     std::lock_guard<std::mutex> lock(requestsMutex);
     auto entry = requestCounts.find(pgn);
-    if (entry != requestCounts.end() && entry->second > 0)
-        --entry->second;
+    // An entry at 0 is as good as none: dropping it keeps texts that clients added and
+    // removed again from piling up (the worker makes its PGN's entry anew).
+    if (entry != requestCounts.end() && entry->second > 0 && --entry->second == 0)
+        requestCounts.erase(entry);
     writeCounts();
 }
 

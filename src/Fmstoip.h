@@ -11,6 +11,7 @@
 #include "Service.h"
 #include "XMLHook.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -33,10 +34,15 @@ public:
     // The document thread, with the generator's lock held: sends the periodic document.
     void deliver(std::stringstream& document) override;
 
-    // A count stops at 100; every change is written to the counter file.
+    // A count stops at 100; every change is written to the counter file. Any text is
+    // counted, so a new one is refused (with a warning) when it is longer than
+    // maxRequestLength or when maxRequestedPgns texts have a count already.
     void addPgn(const std::string& pgn) override;
     void removePgn(const std::string& pgn) override;
     std::string getPgnDocument(const std::string& pgn) override;
+
+    static constexpr size_t maxRequestLength = 64;
+    static constexpr size_t maxRequestedPgns = 1024;
 
 private:
     void run();

@@ -150,6 +150,12 @@ void handleSky(const Json::Value& report, GnssXMLGenerator& generator) {
 
 } // namespace
 
+std::unique_ptr<Json::CharReader> newGpsdReader() {
+    Json::CharReaderBuilder settings;
+    settings["stackLimit"] = Gnss::maxJsonDepth;
+    return std::unique_ptr<Json::CharReader>(settings.newCharReader());
+}
+
 void handleGpsdLine(const std::string& line, Json::CharReader& reader,
                     GnssXMLGenerator& generator) {
     if (!line.empty() && line[0] == '$') {
@@ -198,7 +204,7 @@ Gnss::Gnss(const Configuration& configuration)
       gpsdAddress(configuration.getString("gpsd_addr")),
       gpsdPort(configuration.getString("gpsd_port")),
       sender(multicastAddress, servicePort, networkInterface, multicastTtl),
-      jsonReader(jsonSettings.newCharReader()) {
+      jsonReader(newGpsdReader()) {
     publisher.addTxt("multicast=" + multicastAddress);
     publisher.start();
     generator.setHook(this);

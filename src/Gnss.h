@@ -34,6 +34,9 @@ public:
 
     // Longest line taken from gpsd, line end included; a longer one is dropped whole.
     static constexpr size_t maxLineLength = 65536;
+    // Deepest JSON nesting of a gpsd line (gpsd's own go 3 deep). JsonCpp parses by recursion
+    // and by default allows 1000 levels, more than a 128 KiB musl thread stack holds.
+    static constexpr int maxJsonDepth = 64;
     // A reader waiting on a silent gpsd looks at the running flag this often.
     static constexpr std::chrono::milliseconds pollInterval{200};
 
@@ -65,12 +68,14 @@ private:
     // Declared before the generator, whose thread sends through it until it is joined.
     MulticastSender sender;
     GnssXMLGenerator generator;
-    Json::CharReaderBuilder jsonSettings;
     const std::unique_ptr<Json::CharReader> jsonReader;
     // Lets stop() end the reader's pause between connection attempts at once.
     std::mutex mutex;
     std::condition_variable wake;
 };
+
+// The JSON reader for gpsd lines, with nesting bounded to Gnss::maxJsonDepth.
+std::unique_ptr<Json::CharReader> newGpsdReader();
 
 // Hands one line of gpsd output to the generator: an NMEA sentence ('$' first) goes into
 // the document's Data, a TPV or SKY report gives position and quality values. Anything else

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <memory>
 
 namespace {
 
@@ -140,10 +141,31 @@ void PgnMapping::load(const std::string& path, Format format) {
     if (!file.is_open()) {
         LOG(0) << "File not found!";
     }
+    // Read with a bound of its own: a device file or a runaway generator has no end.
+    std::string text;
+    char chunk[4096];
+    while (text.size() <= maxFileSize && file.read(chunk, sizeof chunk).gcount() > 0)
+        text.append(chunk, static_cast<size_t>(file.gcount()));
+    if (text.size() > maxFileSize) {
+        LOG(0) << path << " is larger than " << maxFileSize << " bytes, not read.";
+        return;
+    }
     Json::CharReaderBuilder builder;
+    builder["stackLimit"] = maxJsonDepth;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value mapping;
     std::string errors;
-    if (!Json::parseFromStream(builder, file, &mapping, &errors)) {
+    bool parsed = false;
+    try {
+        parsed = reader->parse(text.data(), text.data() + text.size(), &mapping, &errors);
+    } catch (const std::exception& error) {
+        // JsonCpp throws instead of reporting when nesting goes too deep; what it built up
+        // to there is no mapping.
+        errors = error.what();
+        mapping = Json::Value();
+    }
+    std::string().swap(text);
+    if (!parsed) {
         LOG(0) << "File parsing failed!";
         while (!errors.empty() && errors.back() == '\n')
             errors.pop_back();

@@ -38,6 +38,12 @@ public:
         std::vector<SpnRule> rules;
     };
 
+    // Bounds of a mapping file: a larger file, or one nested deeper (JsonCpp parses by
+    // recursion), is refused whole like a file that does not parse. Parsing takes up to some
+    // 55 bytes of memory per byte of the file (nested empty arrays), for a moment at start.
+    static constexpr size_t maxFileSize = 1024 * 1024;
+    static constexpr int maxJsonDepth = 64;
+
     // Logs what it cannot use at level 0; a bad file gives a mapping without entries.
     PgnMapping(const std::string& path, Format format);
 

@@ -20,8 +20,7 @@ public:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static GnssXMLGenerator generator;
     static DiscardingHook hook;
-    static Json::CharReaderBuilder settings;
-    static const std::unique_ptr<Json::CharReader> reader(settings.newCharReader());
+    static const std::unique_ptr<Json::CharReader> reader(newGpsdReader());
     static bool ready = false;
     if (!ready) {
         generator.setHook(&hook);

@@ -106,3 +106,46 @@ TEST_F(ConfigurationTest, TracesEveryLineAtSix) {
                                   "DBG : 5: Got l = 1\n"
                                   "DBG : 5: Got l = 2\n");
 }
+
+TEST_F(ConfigurationTest, HostileFilesStayBounded) {
+    verbosity = 2;
+    const size_t limit = Configuration::maxLineLength;
+    std::string garbage;
+    for (int i = 0; i < 256; ++i)
+        if (i != '\n')
+            garbage += static_cast<char>(i);
+    const std::string longKey(limit - 2, 'k');
+    const std::string content = garbage + "\n" +                               // 1
+                                std::string("\0nul=x\0y\0\n", 10) +            // 2
+                                longKey + "=v\n" +                             // 3
+                                "long=" + std::string(limit - 4, 'x') + "\n" + // 4
+                                "ok=1\n" +                                     // 5
+                                std::string(10 * limit, '=') + "\n" +          // 6
+                                "last=2";                                      // 7
+    StderrCapture capture;
+    const std::string path = dir.write("hostile.conf", content);
+    Configuration conf(path);
+    // Exactly the line limit is read; one byte more skips the line and nothing else.
+    EXPECT_EQ(conf.getString(longKey), "v");
+    EXPECT_FALSE(conf.hasKey("long"));
+    EXPECT_EQ(conf.getString("ok"), "1");
+    EXPECT_EQ(conf.getString("last"), "2");
+    EXPECT_EQ(conf.getString(std::string(1, '\0') + "nul"), std::string("x\0y\0", 4));
+    EXPECT_EQ(capture.text(), "WARN: Skipping line 4 of " + path + ": longer than 4096 bytes.\n" +
+                                  "WARN: Skipping line 6 of " + path +
+                                  ": longer than 4096 bytes.\n");
+
+    // A file without end (or line end) is read up to its bound.
+    StderrCapture endless;
+    Configuration zero("/dev/zero");
+    EXPECT_TRUE(zero.keys().empty());
+    EXPECT_EQ(endless.text(), "WARN: /dev/zero is larger than 1048576 bytes: line 1 and the rest "
+                              "are not read.\n");
+    std::string big = "first=1\n";
+    while (big.size() <= Configuration::maxFileSize)
+        big += "k=v\n";
+    Configuration large(dir.write("large.conf", big + "after=1\n"));
+    EXPECT_EQ(large.getString("first"), "1");
+    EXPECT_FALSE(large.hasKey("after"));
+    EXPECT_EQ(large.getList("k").size(), (Configuration::maxFileSize - 8) / 4);
+}

@@ -29,6 +29,7 @@ std::string bytes(std::initializer_list<int> values) {
 }
 
 int limitCalls = 0;
+int totalLimitCalls = 0;
 
 class ConnectionTest : public ::testing::Test {
 protected:
@@ -37,8 +38,12 @@ protected:
         on(callbacks.request, "request", [](Request&) { return 0; });
         on(callbacks.data, "data", [](Request&) { return 0; });
         on(callbacks.complete, "complete", [](Request&) { return 0; });
-        callbacks.limit = [](const Request&) { ++limitCalls; };
+        callbacks.limit = [](const Request&, bool allConnections) {
+            ++limitCalls;
+            totalLimitCalls += allConnections;
+        };
         limitCalls = 0;
+        totalLimitCalls = 0;
     }
 
     void on(std::unique_ptr<HandlerBase>& slot, const std::string& name,
@@ -358,4 +363,14 @@ TEST_F(ConnectionTest, RequestsAndBodiesAreBounded) {
     EXPECT_TRUE(other.closing);
     EXPECT_LE(other.heldBytes(), limits.maxHeldBytes);
     EXPECT_EQ(limitCalls, 2);
+
+    // What the other connections hold counts against the bound of all together.
+    Connection crowded(callbacks, limits);
+    crowded.othersHeld = limits.maxTotalHeldBytes - 2 * requestOverhead;
+    in = begin(1, RESPONDER, KEEP_CONN) + begin(2, RESPONDER, KEEP_CONN) +
+         begin(3, RESPONDER, KEEP_CONN);
+    crowded.receive(in.data(), in.size());
+    EXPECT_EQ(crowded.requests.size(), 2u);
+    EXPECT_TRUE(crowded.closing);
+    EXPECT_EQ(totalLimitCalls, 1);
 }

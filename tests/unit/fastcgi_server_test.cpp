@@ -176,6 +176,27 @@ TEST_F(ServerTest, ConnectionBoundIdlePeersAndPendingOutput) {
         close(fd);
 }
 
+TEST_F(ServerTest, HeldBytesOfAllConnectionsTogetherAreBounded) {
+    Limits limits;
+    limits.maxTotalHeldBytes = 3 * requestOverhead;
+    server.set_limits(limits);
+    const std::string two = begin(1, RESPONDER, KEEP_CONN) + begin(2, RESPONDER, KEEP_CONN);
+    const int first = connectTo(path);
+    sendAll(first, two);
+    ASSERT_TRUE(serveUntil([&] {
+        return !server.connections().empty() &&
+               server.connections().begin()->second->requests.size() == 2;
+    }));
+    const int second = connectTo(path);
+    const auto records = ask(second, two, 2);
+    ASSERT_NE(findEnd(records, 2), nullptr);
+    EXPECT_EQ(findEnd(records, 2)->protocolStatus(), OVERLOADED);
+    EXPECT_TRUE(closedByServer(second));
+    EXPECT_EQ(ask(first, record(GET_VALUES, 0, encode({{"FCGI_MPXS_CONNS", ""}})), 0).size(), 1u);
+    close(first);
+    close(second);
+}
+
 TEST_F(ServerTest, DescriptorsSelectCannotWatchAreRefused) {
     struct rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);

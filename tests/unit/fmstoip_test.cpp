@@ -304,6 +304,32 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     service->addPgn("0200");
     service->removePgn("0100");
     EXPECT_EQ(counts(), "0100=6\n0200=100\n65265=2\nF004=119\nfef1=1\n");
+
+    // Texts are bounded in length and number; one that drops to 0 makes room for another.
+    const std::string before = counts();
+    VerbosityScope warnings(1);
+    StderrCapture capture;
+    service->addPgn(std::string(Fmstoip::maxRequestLength + 1, 'A'));
+    std::string last;
+    // Five texts have a count already.
+    for (size_t i = 6; i <= Fmstoip::maxRequestedPgns; ++i)
+        service->addPgn(last = "X" + std::to_string(i));
+    EXPECT_EQ(capture.text(),
+              "WARN: Request for a PGN text of 65 bytes not counted (at most 64).\n");
+    service->addPgn("Y");
+    EXPECT_EQ(count(capture.text(), "WARN: Request for PGN \"Y\" not counted: 1024 PGNs are "
+                                    "requested already.\n"),
+              1u);
+    for (int i = 0; i < 2; ++i) {
+        service->removePgn(last);
+        service->addPgn("Y");
+    }
+    const std::string after = counts();
+    EXPECT_EQ(after.find(last + "="), std::string::npos);
+    EXPECT_NE(after.find("\nY=2\n"), std::string::npos);
+    EXPECT_EQ(std::count(after.begin(), after.end(), '\n'), 1024);
+    EXPECT_EQ(after.find(std::string(Fmstoip::maxRequestLength, 'A')), std::string::npos);
+    EXPECT_EQ(after.rfind(before.substr(0, 7), 0), 0u);
 }
 
 TEST_F(FmstoipTest, CounterFileThatCannotBeWritten) {

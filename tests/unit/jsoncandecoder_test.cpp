@@ -167,6 +167,9 @@ TEST(JsonCanDecoder, UnusableFilesLeaveOnlyTransportFrames) {
         {dir.write("broken.json", "{\"pgn\": 65265,"),
          {"File parsing failed!", "* Line 1", "File is formatted incorrectly!"}},
         {testData("object_mapping.json"), {"File is formatted incorrectly!"}},
+        {dir.write("deep.json", std::string(PgnMapping::maxJsonDepth + 1, '[')),
+         {"File parsing failed!", "Exceeded stackLimit", "File is formatted incorrectly!"}},
+        {"/dev/zero", {"/dev/zero is larger than 1048576 bytes, not read."}},
     };
     for (const auto& [path, expected] : cases) {
         SCOPED_TRACE(path);
@@ -185,6 +188,35 @@ TEST(JsonCanDecoder, UnusableFilesLeaveOnlyTransportFrames) {
         EXPECT_TRUE(decoder.acceptsShared(canFrame(0x1CECFF00)));
         EXPECT_TRUE(decode(decoder, canFrame(0x18FEF100))->spns().empty());
     }
+}
+
+TEST(JsonCanDecoder, HugeArraysAndDeepValuesWithinTheBounds) {
+    // Many entries, a status rule with a description for every 16-bit value, and a name
+    // nested just within the depth bound (file, entry, list and rule take four levels).
+    std::string descriptions;
+    for (int i = 0; i < 1 << 16; ++i)
+        descriptions += (i ? ",\"" : "\"") + std::to_string(i) + "\"";
+    const int depth = PgnMapping::maxJsonDepth - 4;
+    std::string json = "[";
+    for (int pgn = 0; pgn < 20000; ++pgn)
+        json += "{\"pgn\":" + std::to_string(pgn) + "},";
+    json += "{\"pgn\":65265,\"spns\":[{\"type\":1,\"number\":1,\"name\":\"s\",\"bitSize\":16,"
+            "\"descriptions\":[" +
+            descriptions + "]},{\"type\":0,\"name\":" + std::string(depth, '[') +
+            std::string(depth, ']') + "}]}]";
+    ASSERT_LT(json.size(), PgnMapping::maxFileSize);
+    TempDir dir;
+    const std::string path = dir.write("huge.json", json);
+    StderrCapture capture;
+    JsonCanDecoder decoder(path);
+    capture.restore();
+    EXPECT_EQ(capture.text(),
+              "ERR : " + path +
+                  ": PGN 65265: rule 1: \"name\" has the wrong type, rule skipped.\n");
+    EXPECT_TRUE(decoder.accepts(canFrame(0x18004E00)));
+    auto frame = decode(decoder, canFrame(0x18FEF100, {0x34, 0x12, 0x01}));
+    ASSERT_EQ(frame->spns().size(), 1u);
+    EXPECT_EQ(status(*frame, 0).getDescription(), std::to_string(0x1234));
 }
 
 TEST(JsonCanDecoder, ValuesOfTheWrongTypeAreRefusedAtLoad) {
