@@ -57,10 +57,17 @@ def expected(epoch):
             "GNSSType": "MixedGNSSTypes", "GNSSCoordinateSystem": "WGS84"}
 
 
+SKY = ("NumberOfSatellites", "HorizontalDilutionOfPrecision", "VerticalDilutionOfPrecision")
+
+
 def carries(doc, log, altitude=None):
-    """Whether the document carries the fix of one of the log's epochs."""
-    return any(all(doc.get(k) == v for k, v in expected(e).items()) for e in read_epochs(log)) \
-        and altitude in (None, doc["Altitude"])
+    """Whether the document carries the fix of one of the log's epochs. Position (TPV) and
+    satellites (SKY) are separate reports: a document may fall between the two of an epoch."""
+    def matches(keys):
+        return any(all(doc.get(k) == v for k, v in expected(e).items() if k in keys)
+                   for e in read_epochs(log))
+    tpv = [k for k in expected(read_epochs(log)[0]) if k not in SKY]
+    return matches(tpv) and matches(SKY) and altitude in (None, doc["Altitude"])
 
 
 def wait_document(listener, predicate, timeout=10.0):

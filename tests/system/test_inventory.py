@@ -72,6 +72,8 @@ def test_marker_changes_status_record(sandbox, avahi):
     os.unlink(MARKER)
     avahi.wait_for("tavro-inventory", "_inventory._udp", predicate=lambda r: r.txt == txt(0))
     # One re-publication per change.
+    proc.wait_for(r"^DBG : AVAHI_ENTRY_GROUP_ESTABLISHED$", count=3)
+    time.sleep(1.5)
     assert proc.lines().count("DBG : AVAHI_ENTRY_GROUP_ESTABLISHED") == 3
     # Written once at start: the file keeps the status of the start.
     with open(INVENTORY["moduleinfo_file_path"]) as f:
