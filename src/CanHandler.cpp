@@ -6,6 +6,7 @@
 
 #include <linux/can/raw.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -211,6 +212,11 @@ bool CanHandler::openSocket(bool report) {
     timeout.tv_sec = 0;
     timeout.tv_usec = 10000;
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    // Frames wait here while a service's full queue holds the reader up (FrameQueue), so more
+    // room than the default. The system caps it at net.core.rmem_max; a failure leaves the
+    // default.
+    const int room = 1 << 20;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
 
     SocketAddress address;
     memset(&address, 0, sizeof address);
@@ -291,6 +297,8 @@ void CanHandler::closeSocket() {
 }
 
 void CanHandler::readLoop() {
+    // Names the thread in top -H and ps -L; the kernel keeps 15 characters.
+    pthread_setname_np(pthread_self(), ("can " + interface).substr(0, 15).c_str());
     can_frame frame;
     memset(&frame, 0, sizeof frame);
     SocketAddress source;

@@ -143,6 +143,7 @@ bool serve(uint16_t port) {
 }
 
 void threadBody(uint16_t port) {
+    pthread_setname_np(pthread_self(), "fastcgi");
     // A fresh server drops every connection and so frees their descriptors; the pause keeps
     // a lasting fault from spinning.
     while (!serve(port))

@@ -28,12 +28,26 @@ pugi::xml_node appendRoot(pugi::xml_document& document, const std::string& versi
     fms.append_attribute("FMSVersion") = version.c_str();
     return fms;
 }
+
+// Saves straight into a string: a stringstream costs more to set up than a small document
+// costs to write.
+class StringWriter : public pugi::xml_writer {
+public:
+    explicit StringWriter(std::string& target) : text(target) {}
+    void write(const void* data, size_t size) override {
+        text.append(static_cast<const char*>(data), size);
+    }
+
+private:
+    std::string& text;
+};
 } // namespace
 
 FmsXMLGenerator::FmsXMLGenerator() : thread([this] { deliverCollected(); }) {
     fmstoip = appendRoot(collected, fmsVersion);
+    singleFmstoip = appendRoot(single, fmsVersion);
 
-    frame = working.append_child("Frame");
+    frame = singleFmstoip.append_child("Frame");
     frame.append_attribute("Status") = "OK";
     framePgn = textElement(frame, "PGN", "PGNNR");
     frameData = textElement(frame, "Data", "none");
@@ -70,6 +84,7 @@ void FmsXMLGenerator::setFmsVersion(const std::string& version) {
     std::lock_guard<std::mutex> lock(mutex);
     fmsVersion = version.substr(0, 6);
     fmstoip.attribute("FMSVersion").set_value(fmsVersion.c_str());
+    singleFmstoip.attribute("FMSVersion").set_value(fmsVersion.c_str());
 }
 
 void FmsXMLGenerator::setFramePgn(const std::string& pgn) {
@@ -136,11 +151,11 @@ void FmsXMLGenerator::clearSpns() {
 }
 
 std::string FmsXMLGenerator::frameDocument() const {
-    pugi::xml_document document;
-    appendRoot(document, fmsVersion).append_copy(frame);
-    std::stringstream text;
-    document.save(text, "\t", pugi::format_indent, pugi::encoding_auto);
-    return text.str();
+    std::string text;
+    text.reserve(2048);
+    StringWriter writer(text);
+    single.save(writer, "\t", pugi::format_indent, pugi::encoding_auto);
+    return text;
 }
 
 void FmsXMLGenerator::deliverCollected() {

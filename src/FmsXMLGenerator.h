@@ -55,8 +55,12 @@ private:
     uint32_t frameCount = 0;
     std::string fmsVersion = "0000";
     pugi::xml_document collected;
+    // The frame template inside a document of its own, so that frameDocument only saves it;
+    // the SPN template lives in working.
+    pugi::xml_document single;
     pugi::xml_document working;
     pugi::xml_node fmstoip;
+    pugi::xml_node singleFmstoip;
     pugi::xml_node frame;
     pugi::xml_node framePgn;
     pugi::xml_node frameData;

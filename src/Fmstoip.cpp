@@ -9,6 +9,7 @@
 #include "SPNString.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -156,6 +157,7 @@ void Fmstoip::handleFrame(DecodedFrame* frame) {
 }
 
 void Fmstoip::run() {
+    pthread_setname_np(pthread_self(), "fmstoip");
     while (std::unique_ptr<DecodedFrame> frame = queue.pop()) {
         try {
             process(*frame);

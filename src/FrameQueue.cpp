@@ -2,14 +2,25 @@
 
 #include "Logger.h"
 
-FrameQueue::FrameQueue(size_t limit) : capacity(limit) {}
+FrameQueue::FrameQueue(size_t limit, std::chrono::milliseconds allowance)
+    : capacity(limit), stallAllowance(allowance) {}
 
 void FrameQueue::push(const DecodedFrame& frame) {
     // Copy and free outside the lock: the readers only contend for the append itself.
     std::unique_ptr<DecodedFrame> copy(new DecodedFrame(frame));
     std::unique_ptr<DecodedFrame> dropped;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
+        if (frames.size() >= capacity && consuming && !closed) {
+            if (!behind) {
+                behind = true;
+                behindSince = Clock::now();
+            }
+            ++waitingProducers;
+            taken.wait_until(lock, behindSince + stallAllowance,
+                             [this] { return closed || frames.size() < capacity; });
+            --waitingProducers;
+        }
         frames.push_back(std::move(copy));
         if (frames.size() > capacity) {
             dropped = std::move(frames.front());
@@ -24,11 +35,19 @@ void FrameQueue::push(const DecodedFrame& frame) {
 
 std::unique_ptr<DecodedFrame> FrameQueue::pop() {
     std::unique_lock<std::mutex> lock(mutex);
+    consuming = true;
     arrived.wait(lock, [this] { return closed || !frames.empty(); });
     if (closed)
         return nullptr;
     std::unique_ptr<DecodedFrame> frame = std::move(frames.front());
     frames.pop_front();
+    if (behind && frames.size() <= capacity / 2)
+        behind = false;
+    // Held-up readers go on once there is room for a run of frames, not at every frame taken.
+    const bool wake = waitingProducers != 0 && frames.size() <= capacity - capacity / 4;
+    lock.unlock();
+    if (wake)
+        taken.notify_all();
     return frame;
 }
 
@@ -38,6 +57,7 @@ void FrameQueue::close() {
         closed = true;
     }
     arrived.notify_all();
+    taken.notify_all();
 }
 
 size_t FrameQueue::size() const {

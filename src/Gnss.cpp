@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -251,6 +252,7 @@ void Gnss::stopReader() {
 }
 
 void Gnss::readerMain() {
+    pthread_setname_np(pthread_self(), "gpsd reader");
     std::string line;
     while (running) {
         if (!connectToGpsd()) {

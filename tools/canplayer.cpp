@@ -268,11 +268,13 @@ int64_t monotonicMicros() {
     return int64_t(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
+// One socket connected to each reader of the bus directory: a send then costs no look-up of
+// the reader's path, which takes longer than the send itself.
 class VirtualBusTarget : public Target {
 public:
     ~VirtualBusTarget() override {
-        if (fd >= 0)
-            close(fd);
+        for (const auto& receiver : receivers)
+            close(receiver.second);
     }
     bool open(const std::string& root, const std::string& name) {
         directory = root + "/" + name;
@@ -282,14 +284,6 @@ public:
             std::cerr << "tavro-canplayer: no virtual bus directory " << directory << "\n";
             return false;
         }
-        fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
-            std::cerr << "tavro-canplayer: socket: " << strerror(errno) << "\n";
-            return false;
-        }
-        // A reader that stopped reading holds the player up for at most this long per frame.
-        struct timeval timeout = {1, 0};
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         return true;
     }
     bool send(const can_frame& frame) override {
@@ -299,56 +293,74 @@ public:
             scan();
             scanned = now;
         }
-        for (size_t i = 0; i < receivers.size();) {
-            const sockaddr_un& address = receivers[i];
-            const ssize_t sent =
-                sendto(fd, &frame, sizeof frame, 0, reinterpret_cast<const sockaddr*>(&address),
-                       sizeof address);
+        for (auto receiver = receivers.begin(); receiver != receivers.end();) {
+            const ssize_t sent = ::send(receiver->second, &frame, sizeof frame, 0);
             if (sent == static_cast<ssize_t>(sizeof frame)) {
-                ++i;
+                ++receiver;
                 continue;
             }
             if (errno == EINTR && !interrupted)
                 continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK) {
-                std::cerr << "tavro-canplayer: " << address.sun_path
+                std::cerr << "tavro-canplayer: " << receiver->first
                           << " is not reading, frame dropped for it\n";
                 ++dropped;
-                ++i;
+                ++receiver;
                 continue;
             }
-            // Gone (ENOENT) or a socket nobody holds any more (ECONNREFUSED).
-            receivers.erase(receivers.begin() + static_cast<std::ptrdiff_t>(i));
+            // A socket nobody holds any more (ECONNREFUSED): a new one there is found by a scan.
+            close(receiver->second);
+            receiver = receivers.erase(receiver);
         }
         return true;
     }
 
 private:
     void scan() {
-        receivers.clear();
         DIR* dir = opendir(directory.c_str());
         if (dir == nullptr)
             return;
+        std::map<std::string, int> found;
         while (struct dirent* entry = readdir(dir)) {
             const std::string path = directory + "/" + entry->d_name;
             struct stat info;
             if (stat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode))
                 continue;
+            auto known = receivers.find(path);
+            if (known != receivers.end()) {
+                found.insert(*known);
+                receivers.erase(known);
+                continue;
+            }
             sockaddr_un address;
             memset(&address, 0, sizeof address);
             address.sun_family = AF_UNIX;
             if (path.size() >= sizeof address.sun_path)
                 continue;
             memcpy(address.sun_path, path.c_str(), path.size());
-            receivers.push_back(address);
+            const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            if (fd < 0)
+                continue;
+            // A reader that stopped reading holds the player up for at most this long per frame.
+            struct timeval timeout = {1, 0};
+            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+            // Refused: a socket left behind by a reader that is gone.
+            if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+                close(fd);
+                continue;
+            }
+            found[path] = fd;
         }
         closedir(dir);
+        // Sockets no longer in the directory.
+        for (const auto& receiver : receivers)
+            close(receiver.second);
+        receivers.swap(found);
     }
 
     std::string directory;
-    int fd = -1;
     int64_t scanned = -1000000000;
-    std::vector<sockaddr_un> receivers;
+    std::map<std::string, int> receivers; // path, connected socket
 };
 
 void sleepUntil(int64_t micros) {
@@ -359,6 +371,40 @@ void sleepUntil(int64_t micros) {
            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr) == EINTR) {
     }
 }
+
+// Waits until a frame is due, as a bus would carry it. A wake-up costs several times what
+// sending a frame does, so the player wakes at most once per wakeInterval and then sends every
+// frame that is due: at high rates frames go out in small groups, none early. A bus cannot
+// carry what a stalled sender missed any faster, so frames are never more than maxLate behind:
+// after a stall the rest of the schedule moves later instead of going out in a burst.
+class Pacer {
+public:
+    static constexpr int64_t wakeInterval = 500; // microseconds
+    static constexpr int64_t maxLate = 1000;
+
+    void waitFor(int64_t due) {
+        due += delay;
+        const int64_t now = monotonicMicros();
+        if (now - due > maxLate) {
+            delay += now - due - maxLate;
+            lost += now - due - maxLate;
+            due = now - maxLate;
+        }
+        if (now >= due)
+            return;
+        sleepUntil(due > lastWake + wakeInterval ? due : lastWake + wakeInterval);
+        lastWake = monotonicMicros();
+    }
+    // A schedule of its own begins (the next turn of the log at its recorded pace).
+    void restart() { delay = 0; }
+    // How far the schedule moved in all: time the player could not keep the pace.
+    int64_t behind() const { return lost; }
+
+private:
+    int64_t lastWake = 0;
+    int64_t delay = 0;
+    int64_t lost = 0;
+};
 
 std::string frameText(const can_frame& frame) {
     char text[64];
@@ -498,6 +544,7 @@ int main(int argc, char** argv) {
     bool failed = false;
     const int64_t begin = monotonicMicros();
     int64_t loopStart = begin;
+    Pacer pacer;
     for (long loop = 0; (loops == 0 || loop < loops) && !interrupted && !failed; ++loop) {
         for (size_t i = 0; i < frames.size() && !interrupted; ++i) {
             if (route[i] == nullptr) {
@@ -505,9 +552,9 @@ int main(int argc, char** argv) {
                 continue;
             }
             if (rate > 0 && !fast)
-                sleepUntil(begin + static_cast<int64_t>(static_cast<double>(sent) * 1e6 / rate));
+                pacer.waitFor(begin + static_cast<int64_t>(static_cast<double>(sent) * 1e6 / rate));
             else if (!fast)
-                sleepUntil(loopStart + (frames[i].micros - frames[0].micros));
+                pacer.waitFor(loopStart + (frames[i].micros - frames[0].micros));
             if (interrupted)
                 break;
             if (!route[i]->send(frames[i].frame)) {
@@ -519,6 +566,9 @@ int main(int argc, char** argv) {
                 std::cout << frames[i].interface << " " << frameText(frames[i].frame) << "\n";
         }
         loopStart = monotonicMicros();
+        // At a fixed rate the schedule runs on across turns.
+        if (!(rate > 0))
+            pacer.restart();
         if (frames.empty())
             break;
     }
@@ -531,5 +581,7 @@ int main(int argc, char** argv) {
         std::cerr << "tavro-canplayer: skipped " << skipped << " frames of unmapped interfaces\n";
     if (dropped > 0)
         std::cerr << "tavro-canplayer: " << dropped << " deliveries dropped\n";
+    if (pacer.behind() >= 1000)
+        std::cerr << "tavro-canplayer: fell " << pacer.behind() / 1000 << " ms behind the pace\n";
     return failed ? 1 : 0;
 }

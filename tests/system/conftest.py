@@ -1,3 +1,5 @@
+import re
+
 import pytest
 
 from avahi_peer import AvahiPeer
@@ -15,6 +17,10 @@ def pytest_collection_modifyitems(config, items):
         config.hook.pytest_deselected(items=skipped)
         items[:] = [item for item in items if item.get_closest_marker("emulated")]
 
+# What the sanitizer builds print; a daemon that ends with SIGKILL would show no exit status.
+SANITIZER_REPORT = re.compile(
+    r"^(WARNING: ThreadSanitizer|==\d+==ERROR: (Address|Leak)Sanitizer|.*: runtime error: )", re.M)
+
 
 @pytest.fixture
 def sandbox(tmp_path):
@@ -23,6 +29,9 @@ def sandbox(tmp_path):
         yield sb
     finally:
         sb.close()
+    for proc in sb.processes:
+        if SANITIZER_REPORT.search(proc.stderr):
+            pytest.fail("sanitizer report of %s:\n%s" % (proc.name, proc.stderr), pytrace=False)
 
 
 @pytest.fixture

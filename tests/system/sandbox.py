@@ -117,7 +117,21 @@ class Process:
         if self.running():
             self.popen.send_signal(sig)
 
+    def catches(self, sig):
+        """Whether the process has a handler for sig installed."""
+        try:
+            with open("/proc/%d/status" % self.pid) as f:
+                mask = re.search(r"^SigCgt:\s*([0-9a-f]+)$", f.read(), re.M).group(1)
+        except (OSError, AttributeError):
+            return False
+        return bool(int(mask, 16) >> (sig - 1) & 1)
+
     def interrupt(self):
+        # Before its handler is there, SIGINT ends the daemon by default: a slow (sanitizer)
+        # build may still be starting its services.
+        deadline = time.monotonic() + 5 * SLOW
+        while self.running() and not self.catches(signal.SIGINT) and time.monotonic() < deadline:
+            time.sleep(0.01)
         self.send(signal.SIGINT)
 
     def wait(self, timeout=10.0):

@@ -371,6 +371,46 @@ TEST(FrameQueue, OverloadDropsTheOldestFrame) {
     EXPECT_EQ(queue.pop(), nullptr);
 }
 
+// Once the consumer takes frames, a full queue holds the producer up instead of dropping, for
+// as long as the allowance; past it, the oldest frames go again, at once.
+TEST(FrameQueue, FullQueueHoldsTheProducerUpForTheStallAllowance) {
+    VerbosityScope warnings(1);
+    StderrCapture capture;
+    FrameQueue patient(100, std::chrono::hours(1));
+    std::atomic<bool> resume{false};
+    std::vector<uint64_t> taken;
+    std::thread consumer([&] {
+        taken.push_back(patient.pop()->getTimestamp());
+        while (!resume)
+            usleep(1000);
+        while (taken.size() < 150)
+            taken.push_back(patient.pop()->getTimestamp());
+    });
+    std::thread producer([&] {
+        for (uint64_t i = 1; i <= 150; ++i)
+            patient.push(frame(0xFEF1, i));
+    });
+    while (patient.size() < 100)
+        usleep(1000);
+    resume = true;
+    producer.join();
+    consumer.join();
+    std::vector<uint64_t> expected;
+    for (uint64_t i = 1; i <= 150; ++i)
+        expected.push_back(i);
+    EXPECT_EQ(taken, expected);
+    EXPECT_EQ(capture.text(), "");
+
+    FrameQueue stalled(100, std::chrono::milliseconds(50));
+    std::thread first([&] { EXPECT_EQ(stalled.pop()->getTimestamp(), 1u); });
+    stalled.push(frame(0xFEF1, 1));
+    first.join();
+    for (uint64_t i = 2; i <= 103; ++i)
+        stalled.push(frame(0xFEF1, i));
+    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\nWARN: Dropped can frame!\n");
+    EXPECT_EQ(stalled.pop()->getTimestamp(), 4u);
+}
+
 TEST_F(FmstoipTest, FailedCanStartDisablesTheService) {
     ASSERT_EQ(mkdir(dir.file("vcan-fms1").c_str(), 0755), 0);
     StderrCapture capture;
