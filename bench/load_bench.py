@@ -5,7 +5,7 @@
                         [--connections 4] [--http-wait 4] [--http-seconds 5]
                         [--callgrind-frames 20000] [--no-callgrind | --only-callgrind]
 
-In throw-away namespaces (tests/system/sandboxed): tavro-all with every service, avahi-daemon,
+In throw-away namespaces (scripts/sandbox/sandboxed): tavro-all with every service, avahi-daemon,
 gpsd fed at 10 Hz, nginx in front of the FastCGI responder, two virtual CAN buses each played
 by tavro-canplayer at RATE frames/s (a saturated 250 kbit/s bus carries about 1 900 extended
 frames/s; the default is ten times that) with a realistic mix of 20 PGNs, all requested over
@@ -32,7 +32,7 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(HERE)
-SYSTEM = os.path.join(SOURCE, "tests", "system")
+SYSTEM = os.path.join(SOURCE, "scripts", "sandbox")
 sys.path.insert(0, SYSTEM)
 
 FCGI_PORT = 9000

@@ -4,7 +4,7 @@ libfcgi responder that answers the same bytes, behind the same nginx, measured i
 
     bench/pgnhttp_bench.py [--seconds 5] [--connections 4] [--rounds 3]
 
-Runs itself in throw-away namespaces (tests/system/sandboxed); needs the plain build with
+Runs itself in throw-away namespaces (scripts/sandbox/sandboxed); needs the plain build with
 the benchmarks (TAVRO_BUILD_DIR, default build/plain) and wrk.
 """
 
@@ -18,7 +18,7 @@ import sys
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SYSTEM = os.path.join(HERE, "..", "tests", "system")
+SYSTEM = os.path.join(HERE, "..", "scripts", "sandbox")
 sys.path.insert(0, SYSTEM)
 
 FCGI_PORT, RESPONDER_PORT = 9000, 9001

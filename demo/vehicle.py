@@ -1,6 +1,6 @@
 """A whole vehicle around tavro-all, for the demo and its end-to-end test.
 
-Runs in namespaces of its own (tests/system/sandboxed), with the harness of the system tests:
+Runs in namespaces of its own (scripts/sandbox/sandboxed), with the harness of the system tests:
 the example configuration of etc/ on a tmpfs over /etc/tavro with the few values a
 namespace needs, a system D-Bus and avahi-daemon on the veth end v0, gpsd fed with
 demo/bus-trip.nmea, nginx in front of fcgi_port, tavro-canplayer looping demo/bus.candump on
@@ -16,7 +16,7 @@ import sys
 import time
 
 DEMO_DIR = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(DEMO_DIR, "..", "tests", "system"))
+sys.path.insert(0, os.path.join(DEMO_DIR, "..", "scripts", "sandbox"))
 
 from avahi_peer import AvahiPeer, _unescape, parse_resolved
 from canbus_peer import CanBus

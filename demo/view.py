@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """What a device on the vehicle network sees of tavro-all on a simulated city bus.
 
-Started by scripts/demo inside throw-away namespaces (tests/system/sandboxed). Sets the vehicle
+Started by scripts/demo inside throw-away namespaces (scripts/sandbox/sandboxed). Sets the vehicle
 up (demo/vehicle.py), asks for a few PGNs through nginx, and shows once a second the
 announcements, the latest documents of the three data services and the multicast statistics
 of tavro's log; without a terminal, or one too small for the screen, a block every 10 s.

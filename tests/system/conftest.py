@@ -1,6 +1,11 @@
+import os
 import re
+import sys
 
 import pytest
+
+# The sandbox and its real peers are shared with the demo and the benches.
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "..", "scripts", "sandbox"))
 
 from avahi_peer import AvahiPeer
 from sandbox import EMULATOR, Sandbox

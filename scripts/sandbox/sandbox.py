@@ -1,6 +1,6 @@
 """Test harness for the real daemon.
 
-Every system test file runs under tests/system/sandboxed, i.e. as PID 1 of fresh network,
+Every system test file runs under scripts/sandbox/sandboxed, i.e. as PID 1 of fresh network,
 mount, UTS, IPC and PID namespaces. A Sandbox puts tmpfs over the daemon's fixed paths,
 brings loopback up, starts the daemon and its peers, and stops each by PID afterwards.
 """
@@ -39,7 +39,7 @@ def run(*argv, check=True, **kw):
 def ensure_isolated():
     """Refuses to run anywhere but in a namespace of the test's own."""
     if os.getpid() != 1:
-        raise RuntimeError("system tests must run under tests/system/sandboxed")
+        raise RuntimeError("system tests must run under scripts/sandbox/sandboxed")
     for line in run("ip", "-o", "link").splitlines():
         name = line.split(":")[1].strip().split("@")[0]
         if name != "lo" and not name.startswith("v") and not name.startswith("vcan"):

@@ -1,4 +1,4 @@
-# Helpers for the guest test scripts (tests/vm/guest/*.sh), sourced by tests/vm/run-test.
+# Helpers for the guest test scripts (tests/vm/guest/*.sh), sourced by scripts/vm/run-test.
 # busybox sh with set -e: a failing command ends the script as failed.
 
 fail() {
