@@ -1,6 +1,7 @@
 #ifndef TAVRO_CAN_TEST_SUPPORT_H
 #define TAVRO_CAN_TEST_SUPPORT_H
 
+#include "CanDecoder.h"
 #include "CanHook.h"
 #include "DecodedFrame.h"
 #include "SPNNumeric.h"
@@ -12,7 +13,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -43,6 +43,10 @@ inline can_frame bamPacket(uint8_t sequence, const std::string& bytes) {
     return frame;
 }
 
+inline std::unique_ptr<DecodedFrame> decode(CanDecoder& decoder, const can_frame& frame) {
+    return std::unique_ptr<DecodedFrame>(decoder.decode(frame));
+}
+
 inline const SPNNumeric& numeric(const DecodedFrame& frame, size_t i) {
     return dynamic_cast<const SPNNumeric&>(*frame.spns().at(i));
 }
@@ -58,36 +62,30 @@ class RecordingHook : public CanHook {
 public:
     void handleFrame(DecodedFrame* frame) override {
         std::lock_guard<std::mutex> lock(mutex);
-        frames.emplace_back(new DecodedFrame(*frame));
+        frames.push_back(*frame);
         arrived.notify_all();
     }
-    size_t count() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return frames.size();
-    }
-    DecodedFrame frame(size_t i) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return *frames.at(i);
-    }
-    // Waits until at least n frames are in, or a generous time has passed.
-    bool waitFor(size_t n, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    // The frames so far, once there are at least n or a generous time has passed.
+    std::vector<DecodedFrame> waitFor(size_t n = 0) {
         std::unique_lock<std::mutex> lock(mutex);
-        return arrived.wait_for(lock, limit, [&] { return frames.size() >= n; });
+        arrived.wait_for(lock, std::chrono::seconds(20), [&] { return frames.size() >= n; });
+        return frames;
     }
 
 private:
     std::mutex mutex;
     std::condition_variable arrived;
-    std::vector<std::unique_ptr<DecodedFrame>> frames;
+    std::vector<DecodedFrame> frames;
 };
+
+inline uint64_t wallMillis() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count());
+}
 
 inline std::string testData(const std::string& name) {
     return std::string(TAVRO_TEST_DATA) + "/" + name;
-}
-
-// The public J1939 mapping file; tests that need it skip when it is absent.
-inline std::string sharedMapping() {
-    return std::string(TAVRO_SHARED_DATA) + "/j1939-framework/frames.json";
 }
 
 #endif
