@@ -20,8 +20,7 @@
 
 // An extended frame with up to 8 data bytes; missing bytes are 0xFF (not available).
 inline can_frame canFrame(uint32_t id, std::initializer_list<uint8_t> bytes = {}) {
-    can_frame frame;
-    memset(&frame, 0, sizeof frame);
+    can_frame frame = {};
     frame.can_id = id | CAN_EFF_FLAG;
     frame.can_dlc = 8;
     memset(frame.data, 0xFF, 8);
