@@ -14,6 +14,31 @@
 #include <sstream>
 #include <string>
 
+// A private directory, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        char name[] = "/tmp/tavro-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempDir() {
+        int ignored = system(("rm -rf '" + path + "'").c_str());
+        (void)ignored;
+    }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+    std::string write(const std::string& name, const std::string& content) const {
+        std::ofstream(file(name), std::ios::binary) << content;
+        return file(name);
+    }
+    static std::string read(const std::string& path) {
+        std::stringstream ss;
+        ss << std::ifstream(path, std::ios::binary).rdbuf();
+        return ss.str();
+    }
+
+    std::string path;
+};
+
 // Collects what the logger writes to stderr while it lives.
 class StderrCapture {
 public:
@@ -24,18 +49,11 @@ public:
         saved = dup(STDERR_FILENO);
         dup2(fd, STDERR_FILENO);
     }
-    ~StderrCapture() { restore(); }
-    std::string text() {
-        std::string out;
-        char buffer[4096];
-        off_t pos = 0;
-        ssize_t n;
-        while ((n = pread(fd, buffer, sizeof buffer, pos)) > 0) {
-            out.append(buffer, static_cast<size_t>(n));
-            pos += n;
-        }
-        return out;
+    ~StderrCapture() {
+        restore();
+        close(fd);
     }
+    std::string text() const { return TempDir::read("/proc/self/fd/" + std::to_string(fd)); }
     void restore() {
         if (saved >= 0) {
             dup2(saved, STDERR_FILENO);
@@ -57,33 +75,6 @@ public:
 
 private:
     int previous;
-};
-
-// A private directory, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/tavro-test-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + path + "'";
-        int ignored = system(cmd.c_str());
-        (void)ignored;
-    }
-    std::string file(const std::string& name) const { return path + "/" + name; }
-    std::string write(const std::string& name, const std::string& content) const {
-        std::ofstream(file(name), std::ios::binary) << content;
-        return file(name);
-    }
-    static std::string read(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
-
-    std::string path;
 };
 
 // The shell command that starts a program of the build's tools/ folder; in a cross build it
