@@ -1,0 +1,426 @@
+// The FastCGI responder: record handling of one connection byte for byte without sockets, the
+// server on Unix-domain sockets, and the front end that runs it for the hooks on loopback TCP.
+// Records are built here apart from the server's own framing code, so that the tests compare
+// the exact bytes on the wire.
+
+#include "Connection.h"
+#include "FcgiHandler.h"
+#include "Server.h"
+#include "TestSupport.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+using namespace FastCGIServer;
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+char byte(unsigned value) {
+    return static_cast<char>(value & 0xFF);
+}
+
+std::string record(uint8_t type, uint16_t id, const std::string& content, uint8_t padding = 0,
+                   char version = 1) {
+    const std::size_t n = content.size();
+    return std::string{version,      byte(type), byte(id >> 8), byte(id),
+                       byte(n >> 8), byte(n),    byte(padding), 0} +
+           content + std::string(padding, '\0');
+}
+
+// A stream record as the server writes it: padded to a multiple of eight bytes.
+std::string padded(uint8_t type, uint16_t id, const std::string& text) {
+    return record(type, id, text, static_cast<uint8_t>((8 - text.size() % 8) % 8));
+}
+
+std::string end(uint16_t id, uint8_t app, uint8_t protocol = REQUEST_COMPLETE) {
+    return record(END_REQUEST, id, std::string{0, 0, 0, byte(app), byte(protocol), 0, 0, 0});
+}
+
+// The empty STDOUT and STDERR records and the END_REQUEST that close a request.
+std::string ending(uint16_t id, uint8_t app, uint8_t protocol = REQUEST_COMPLETE) {
+    return record(STDOUT, id, "") + record(STDERR, id, "") + end(id, app, protocol);
+}
+
+std::string begin(uint16_t id, uint8_t flags = 0, char role = RESPONDER) {
+    return record(BEGIN_REQUEST, id, std::string{0, role, byte(flags), 0, 0, 0, 0, 0});
+}
+
+std::string encode(const Pairs& pairs) {
+    std::string out;
+    for (const auto& pair : pairs)
+        encodeParam(out, pair.first, pair.second);
+    return out;
+}
+
+// What a web server sends for a request that came in on its HTTP port.
+std::string paramsStream(uint16_t id, const std::string& uri = "/pgn",
+                         const std::string& port = "8085") {
+    return record(PARAMS, id, encode({{"REQUEST_URI", uri}, {"SERVER_PORT", port}})) +
+           record(PARAMS, id, "");
+}
+
+// Begin, parameters, one STDIN record per body piece, end of body.
+std::string request(const std::string& params, const std::vector<std::string>& body = {}) {
+    std::string out = begin(1) + params;
+    for (const std::string& piece : body)
+        out += record(STDIN, 1, piece);
+    return out + record(STDIN, 1, "");
+}
+
+using Respond = std::function<int(char stage, Request&)>;
+
+// What the callbacks of a test do; each call is noted in calls.
+std::string calls;
+Respond respond;
+
+class Stage : public HandlerBase {
+public:
+    explicit Stage(char name) : name(name) {}
+    int operator()(Request& request) override {
+        calls += name;
+        return respond(name, request);
+    }
+
+private:
+    char name;
+};
+
+class ConnectionTest : public ::testing::Test {
+protected:
+    ConnectionTest() {
+        callbacks.request = std::make_unique<Stage>('r');
+        callbacks.data = std::make_unique<Stage>('d');
+        callbacks.complete = std::make_unique<Stage>('c');
+        calls.clear();
+        // Takes the body and lets the request go on, unless a test says otherwise.
+        respond = [](char, Request& r) {
+            r.in.clear();
+            return 0;
+        };
+    }
+
+    // Feeds bytes and returns what the connection would write next.
+    std::string exchange(const std::string& in) {
+        connection.receive(in.data(), in.size());
+        connection.flushAll();
+        return std::exchange(connection.output, std::string());
+    }
+
+    Callbacks callbacks;
+    Limits limits;
+    Connection connection{callbacks, limits};
+};
+
+std::string thrown(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "nothing thrown";
+}
+
+// A stream socket to the Unix path or, with port, to loopback; listening or connected.
+int endpoint(const std::string& path, uint16_t port = 0, bool listening = false) {
+    sockaddr_un unixAddress = {AF_UNIX, {}};
+    std::memcpy(unixAddress.sun_path, path.data(), path.size());
+    sockaddr_in inetAddress = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    auto* address = path.empty() ? reinterpret_cast<sockaddr*>(&inetAddress)
+                                 : reinterpret_cast<sockaddr*>(&unixAddress);
+    const socklen_t length = path.empty() ? sizeof inetAddress : sizeof unixAddress;
+    const int fd = socket(address->sa_family, SOCK_STREAM, 0);
+    if (listening ? bind(fd, address, length) == 0 && listen(fd, 1) == 0
+                  : connect(fd, address, length) == 0)
+        return fd;
+    close(fd);
+    return -1;
+}
+
+// Sends bytes on a fresh connection and returns what came back until the server closed it,
+// while serve() runs the server.
+std::string exchange(
+    const std::string& bytes, const std::string& path, uint16_t port,
+    const std::function<void()>& serve = [] { usleep(10 * 1000); }) {
+    const int fd = endpoint(path, port);
+    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    std::string got;
+    char buffer[65536];
+    for (int i = 0; i < 500; ++i) {
+        serve();
+        ssize_t n;
+        while ((n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0)
+            got.append(buffer, static_cast<std::size_t>(n));
+        if (n == 0 || errno != EAGAIN)
+            return close(fd) == 0 ? got : "close failed";
+    }
+    close(fd);
+    return "still open";
+}
+
+} // namespace
+
+TEST(NameValuePairs, EncodeAndDecode) {
+    // The first occurrence of a name wins.
+    EXPECT_EQ(
+        decodeParams(encode({{"A", ""}, {"", "x"}, {"L", std::string(70000, 'y')}, {"A", "2"}})),
+        (ParamMap{{"A", ""}, {"", "x"}, {"L", std::string(70000, 'y')}}));
+    // A truncated pair at the end leaves the earlier ones.
+    for (const std::string& tail :
+         {std::string("\x80\x00", 2), std::string("\x01\x80\x00\x01", 4), std::string("\x05"),
+          std::string("\x05\x01") + "ab", std::string("\x01\x05") + "Cxy",
+          // Lengths of 2^31 - 1 (the shape of CVE-2025-23016) and sums that wrap 32 bits.
+          std::string(8, '\xFF') + "abcdefgh", std::string("\x01\xFF\xFF\xFF\xFE") + "Bvalue"})
+        EXPECT_EQ(decodeParams(encode({{"A", "1"}}) + tail), (ParamMap{{"A", "1"}}));
+}
+
+TEST_F(ConnectionTest, ManagementRecordsAndUnknownRole) {
+    // Unpadded, the pairs' own length as content length; unknown names left out.
+    const std::string asked = encode(
+        {{"FCGI_MPXS_CONNS", ""}, {"OTHER", ""}, {"FCGI_MAX_REQS", ""}, {"FCGI_MAX_CONNS", ""}});
+    const Pairs values = {
+        {"FCGI_MAX_CONNS", "100"}, {"FCGI_MAX_REQS", "1000"}, {"FCGI_MPXS_CONNS", "1"}};
+    EXPECT_EQ(exchange(record(GET_VALUES, 7, asked)), record(GET_VALUES_RESULT, 0, encode(values)));
+    // STDERR, and the other types only a responder sends, are unknown coming from the peer.
+    for (int type : {7, 0, 3, 6, 10, 11, 255})
+        EXPECT_EQ(exchange(record(static_cast<uint8_t>(type), 9, "xyz", 5)),
+                  record(UNKNOWN_TYPE, 0, static_cast<char>(type) + std::string(7, '\0')));
+    EXPECT_EQ(exchange(begin(1, KEEP_CONN, 2) + paramsStream(1) + record(STDIN, 1, "body")),
+              end(1, 0, UNKNOWN_ROLE));
+    EXPECT_EQ(calls, "");
+    EXPECT_FALSE(connection.closing);
+    exchange(begin(2, 0, 3));
+    EXPECT_TRUE(connection.closing);
+}
+
+TEST_F(ConnectionTest, RequestLifecycle) {
+    respond = [](char stage, Request& r) {
+        r.out = stage == 'c' ? std::string(100000, 'o') : stage + r.params.at("REQUEST_URI") + r.in;
+        r.err = stage == 'd' ? "e" : "";
+        r.in.clear();
+        return stage == 'c' ? 7 : 0;
+    };
+    EXPECT_EQ(exchange(begin(1) + paramsStream(1, "/a") + record(STDIN, 1, "one")),
+              padded(STDOUT, 1, "r/a") + padded(STDOUT, 1, "d/aone") + padded(STDERR, 1, "e"));
+    EXPECT_FALSE(connection.closing);
+    // A full record padded by 1, then the rest padded by 7.
+    EXPECT_EQ(exchange(record(STDIN, 1, "")), record(STDOUT, 1, std::string(65535, 'o'), 1) +
+                                                  record(STDOUT, 1, std::string(34465, 'o'), 7) +
+                                                  ending(1, 7));
+    // Without KEEP_CONN the connection ends with its request.
+    EXPECT_TRUE(connection.closing);
+    EXPECT_TRUE(connection.requests.empty());
+}
+
+TEST_F(ConnectionTest, RequestCallbackResultEndsTheRequest) {
+    respond = [](char, Request&) { return 5; };
+    EXPECT_EQ(exchange(begin(1, KEEP_CONN) + paramsStream(1)), ending(1, 5));
+    // The rest of the body has no reader: it is neither handed on nor held.
+    for (int i = 0; i < 40; ++i)
+        EXPECT_EQ(exchange(record(STDIN, 1, std::string(60000, 'b'))), "");
+    EXPECT_LT(connection.heldBytes(), requestOverhead + 1000);
+    EXPECT_EQ(exchange(record(STDIN, 1, "")), "");
+    EXPECT_EQ(calls, "r");
+    EXPECT_TRUE(connection.requests.empty());
+}
+
+TEST_F(ConnectionTest, ParamsSplitOverRecords) {
+    respond = [](char, Request& r) {
+        return r.params.size() == 2 && r.params["A"] == "first" ? 0 : 9;
+    };
+    // A repeated name, and a four-byte length cut off at the end.
+    const std::string content = encode({{"A", "first"}, {"B", "8085"}, {"A", "2"}}) + "\x80\x01";
+    exchange(begin(1, KEEP_CONN) + record(PARAMS, 1, content.substr(0, 3)) +
+             record(PARAMS, 1, content.substr(3, 9)) + record(PARAMS, 1, content.substr(12)));
+    EXPECT_EQ(calls, "");
+    EXPECT_EQ(exchange(record(PARAMS, 1, "") + record(STDIN, 1, "")), ending(1, 0));
+    // Once the stream has ended, further PARAMS are ignored.
+    exchange(record(PARAMS, 1, encode({{"LATE", "1"}})) + record(PARAMS, 1, ""));
+    EXPECT_EQ(calls, "rc");
+}
+
+TEST_F(ConnectionTest, WrongVersionClosesTheConnection) {
+    const std::string getValues = record(GET_VALUES, 0, "");
+    EXPECT_EQ(exchange(getValues + record(GET_VALUES, 0, "", 0, 2) + getValues +
+                       request(paramsStream(1))),
+              record(GET_VALUES_RESULT, 0, ""));
+    EXPECT_TRUE(connection.closing);
+    // Nothing the peer sends afterwards is looked at, nor kept.
+    EXPECT_EQ(exchange(getValues), "");
+    EXPECT_EQ(calls, "");
+}
+
+TEST_F(ConnectionTest, MultiplexedRequestsAbortAndRecordsSplitAnywhere) {
+    respond = [](char stage, Request& r) {
+        r.out = stage + std::to_string(r.in.size());
+        r.in.clear();
+        return stage == 'c' ? 1 : 0;
+    };
+    // The largest record with the largest padding; ABORT_REQUEST; unknown ids and a
+    // BEGIN_REQUEST body shorter than 8 bytes, all ignored.
+    const std::string conversation =
+        begin(2, KEEP_CONN) + begin(1, KEEP_CONN) + begin(3, KEEP_CONN) +
+        record(PARAMS, 1, encode({{"REQUEST_URI", "/"}}), 3) + paramsStream(2) +
+        record(PARAMS, 1, "") + record(STDIN, 2, std::string(65535, 'z'), 255) +
+        record(ABORT_REQUEST, 3, "") + record(STDIN, 1, "", 7) + record(STDIN, 2, "") +
+        record(ABORT_REQUEST, 4, "") + record(BEGIN_REQUEST, 5, "\1\1\1") + paramsStream(5);
+    const std::string answer = padded(STDOUT, 2, "r0") + padded(STDOUT, 1, "r0") +
+                               padded(STDOUT, 2, "d65535") + end(3, 1) + padded(STDOUT, 1, "c0") +
+                               ending(1, 1) + padded(STDOUT, 2, "c0") + ending(2, 1);
+    EXPECT_EQ(exchange(conversation), answer);
+    EXPECT_TRUE(connection.requests.empty());
+    EXPECT_FALSE(connection.closing);
+
+    std::string pieces;
+    for (char byte : conversation) {
+        pieces += exchange(std::string(1, byte));
+        // A header alone, or part of a record, is kept and not acted on.
+        EXPECT_LT(connection.input.size(), 8u + 65535 + 255);
+    }
+    EXPECT_EQ(pieces, answer);
+
+    // What requests hold when the connection becomes writable goes out in id order.
+    exchange(begin(9, KEEP_CONN) + begin(4, KEEP_CONN));
+    connection.requests.at(9)->out = "nine";
+    connection.requests.at(4)->out = "four";
+    EXPECT_EQ(exchange(""), padded(STDOUT, 4, "four") + padded(STDOUT, 9, "nine"));
+}
+
+TEST_F(ConnectionTest, WhatAConnectionHoldsIsBounded) {
+    // A length near 2^31 announces more than comes; what does come counts.
+    limits.maxHeldBytes = 64 * 1024;
+    std::string in = begin(1, KEEP_CONN) + record(PARAMS, 1, std::string(8, '\xFF'));
+    for (int i = 0; i < 4; ++i)
+        in += record(PARAMS, 1, std::string(20000, 'v'));
+    EXPECT_EQ(exchange(in + record(GET_VALUES, 0, "")), ending(1, 1, OVERLOADED));
+    EXPECT_TRUE(connection.closing);
+    EXPECT_EQ(exchange(record(GET_VALUES, 0, "")), "");
+
+    // Requests of 1 KiB each, and a body that the application never takes out of "in".
+    respond = [](char, Request&) { return 0; };
+    std::string requests;
+    std::string body = begin(1, KEEP_CONN) + paramsStream(1);
+    for (uint16_t id = 1; id <= 70; ++id)
+        requests += begin(id, KEEP_CONN);
+    for (int i = 0; i < 5; ++i)
+        body += record(STDIN, 1, std::string(60000, 'k'));
+    for (const auto& c : {std::make_pair(requests, 65), std::make_pair(body, 1)}) {
+        Connection other(callbacks, limits);
+        other.receive(c.first.data(), c.first.size());
+        EXPECT_EQ(other.output, ending(static_cast<uint16_t>(c.second), 1, OVERLOADED));
+        EXPECT_TRUE(other.closing);
+    }
+}
+
+TEST(Server, ListeningServingAndIdlePeers) {
+    TempDir dir;
+    const std::string prefix = dir.path + "/";
+    const std::string longest = prefix + std::string(107 - prefix.size(), 's');
+    {
+        Server server;
+        auto serve = [&server] { server.process(10); };
+        server.listen(longest);
+        EXPECT_EQ(thrown([&] { server.listen(longest + "t"); }), "path too long");
+        EXPECT_EQ(thrown([&] { server.listen(prefix + std::string("a\0b", 3)); }),
+                  "null character in path");
+        EXPECT_EQ(thrown([&] { server.listen(dir.file("missing/x.sock")); }), "bind() failed");
+        EXPECT_EQ(exchange(request(paramsStream(1)), longest, 0, serve), ending(1, 0));
+        // A peer that sends half a header and then nothing goes when it has been idle.
+        Limits limits;
+        limits.idleTimeoutMs = 300;
+        server.set_limits(limits);
+        EXPECT_EQ(exchange(begin(1).substr(0, 4), longest, 0, serve), "");
+    }
+    // Teardown removes the socket file.
+    EXPECT_NE(access(longest.c_str(), F_OK), 0);
+}
+
+TEST(Server, DescriptorsSelectCannotWatchAreRefused) {
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 64));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < FD_SETSIZE + 64)
+        GTEST_SKIP() << "descriptor limit too low";
+    TempDir dir;
+    Server server;
+    server.listen(dir.file("low.sock"));
+    std::vector<int> fillers;
+    while (fillers.empty() || fillers.back() < FD_SETSIZE - 1)
+        fillers.push_back(open("/dev/null", O_RDONLY));
+    EXPECT_EQ(thrown([&] { server.listen(dir.file("high.sock")); }),
+              "descriptor beyond FD_SETSIZE");
+    EXPECT_EQ(exchange(record(GET_VALUES, 0, ""), dir.file("low.sock"), 0,
+                       [&server] { server.process(10); }),
+              "");
+    EXPECT_TRUE(server.connections().empty());
+    for (int fd : fillers)
+        close(fd);
+}
+
+// Throws at the first body record.
+class ThrowingHook : public FcgiHook {
+public:
+    ThrowingHook() { registration.register_hook(this, 8085); }
+    int handle_data(Request&) override { throw std::runtime_error("hook failed"); }
+    int handle_complete(Request&) override { return 0; }
+
+private:
+    FcgiHandler registration;
+};
+
+TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
+    int fd = endpoint("", 0, true);
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd);
+    const uint16_t port = ntohs(address.sin_port);
+    ThrowingHook hook;
+    VerbosityScope verbose(3);
+    StderrCapture capture;
+    auto waitFor = [&capture](const std::function<bool()>& done) {
+        for (int i = 0; i < 250 && !done(); ++i)
+            usleep(20 * 1000);
+        return done();
+    };
+    auto listening = [&] { return close(endpoint("", port)) == 0; };
+    const int blocker = endpoint("", port, true);
+    FcgiHandler::start(port);
+    waitFor([&] { return capture.text().find("retrying") != std::string::npos; });
+    // Stops although the port is still taken.
+    const auto stopping = std::chrono::steady_clock::now();
+    FcgiHandler::stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopping, std::chrono::seconds(1));
+    close(blocker);
+    FcgiHandler::start(port);
+    ASSERT_TRUE(waitFor(listening));
+    // A hook that throws: the server is started anew, without the connections it had.
+    EXPECT_EQ(exchange(request(paramsStream(1), {"body"}), "", port), "");
+    ASSERT_TRUE(waitFor(listening));
+    // A request over the bound of one connection, served by the new server.
+    std::string big = begin(1) + record(PARAMS, 1, encode({{"REQUEST_URI", "/big"}}));
+    while (big.size() < 1100 * 1000)
+        big += record(PARAMS, 1, std::string(65000, 'p'));
+    EXPECT_EQ(exchange(big, "", port), ending(1, 1, OVERLOADED));
+    // Before the verbosity goes back: the front end's thread reads it.
+    FcgiHandler::stop();
+    const std::string log = capture.text();
+    for (const char* line :
+         {"INFO: Bind to fcgi socket failed. retrying...\n",
+          "ERR : FastCGI server failed: hook failed. Restarting it.\n",
+          "WARN: FastCGI request for \"\" ended: its connection held more than 1048576 bytes. "
+          "Connection closed.\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << line;
+}
