@@ -8,7 +8,7 @@ import time
 import pytest
 
 LIST = "Available services:\n" + "".join(
-    "tavro-%s\n" % s for s in ("all", "inventory", "fmstoip", "time", "gnss", "vehicletoip", "mqtt"))
+    "tavro-%s\n" % s for s in "all inventory fmstoip time gnss vehicletoip mqtt".split())
 USAGE = """USAGE: /usr/sbin/tavro-time [OPTIONS]
 
 OPTIONS:
