@@ -4,27 +4,26 @@ import sys
 
 import pytest
 
-# The sandbox and its real peers are shared with the demo and the benches.
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "..", "scripts", "sandbox"))
+# The sandbox and its real peers, and the demo's vehicle, are shared with the demo and benches.
+for folder in (("scripts", "sandbox"), ("demo",)):
+    sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "..", *folder))
 
 from avahi_peer import AvahiPeer
 from sandbox import EMULATOR, Sandbox
+
+# What the sanitizer builds print; a daemon that ends with SIGKILL would show no exit status.
+SANITIZER_REPORT = re.compile(
+    r"^(WARNING: ThreadSanitizer|==\d+==ERROR: (Address|Leak)Sanitizer|.*: runtime error: )", re.M)
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "emulated: runs in a cross build too, under its emulator")
 
 
-def pytest_collection_modifyitems(config, items):
+def pytest_runtest_setup(item):
     # The emulator lacks IP_MULTICAST_IF, and most cases would only repeat the host build's run.
-    if EMULATOR:
-        skipped = [item for item in items if not item.get_closest_marker("emulated")]
-        config.hook.pytest_deselected(items=skipped)
-        items[:] = [item for item in items if item.get_closest_marker("emulated")]
-
-# What the sanitizer builds print; a daemon that ends with SIGKILL would show no exit status.
-SANITIZER_REPORT = re.compile(
-    r"^(WARNING: ThreadSanitizer|==\d+==ERROR: (Address|Leak)Sanitizer|.*: runtime error: )", re.M)
+    if EMULATOR and not item.get_closest_marker("emulated"):
+        pytest.skip("not run under an emulator")
 
 
 @pytest.fixture
@@ -41,5 +40,4 @@ def sandbox(tmp_path):
 
 @pytest.fixture
 def avahi(sandbox):
-    """A system bus and a running avahi-daemon on veth v0 of the sandbox."""
     return AvahiPeer(sandbox)

@@ -1,17 +1,13 @@
-# tavro-fmstoip on real SocketCAN: two vcan interfaces read by the daemon's CAN reader,
-# frames from cansend and from tavro-canplayer, datagrams on loopback whose RelativeTime is
-# the kernel receive stamp of their frame; then an interface that does not exist.
+# tavro-fmstoip on SocketCAN: frames from cansend and tavro-canplayer on two vcan interfaces,
+# datagrams whose RelativeTime is the kernel receive stamp of their frame; a missing interface.
 
 fms_conf() {
-    write_conf fmstoip.conf service_name=tavro-fmstoip service_type=fmstoip \
-        service_protocol=udp service_domain=local service_port=47010 service_txtversion=1 \
-        service_version=1.0 multicast_addr=239.10.0.2 network_interface=lo multicast_ttl=1 \
-        pgn_counter_file=/tmp/pgn_counter mapping_file=/data/tests/fms_mapping.json \
-        period_ms=0 "can_interface=$1"
+    write_conf fmstoip.conf service_port=47010 multicast_addr=239.10.0.2 network_interface=lo \
+        multicast_ttl=1 pgn_counter_file=/tmp/pgn_counter period_ms=0 "can_interface=$1" \
+        mapping_file=/data/tests/fms_mapping.json
 }
 
-# stamp_of DATA: the receive stamp in ms of the one frame with these data bytes in the
-# candump -L log ("(1700000000.123456) vcan0 18FEF100#0480140000000000").
+# stamp_of DATA: the stamp in ms of the one frame with these data bytes in the candump -L log.
 stamp_of() {
     awk -v data="$1" '{ split($3, f, "#") } f[2] == data {
         gsub(/[()]/, "", $1); split($1, t, "."); print t[1] substr(t[2], 1, 3); n++ }
@@ -40,8 +36,7 @@ cansend vcan1 0CF00400#F07D7D007DF07D01
 cansend vcan0 18FEF100#0480150000000001
 printf '%s\n' '(1700000000.000000) vcan0 18FEF100#0480160000000002' \
     '(1700000000.010000) vcan1 0CF00400#F07D7D007DF07D02' >player.log
-tavro-canplayer player.log >player.out
-expect_eq "$(cat player.out)" "Sent 2 frames." "player"
+tavro-canplayer player.log
 wait "$mc" || fail "datagrams: $(cat mc.err) $(cat fmstoip.err)"
 
 expect_eq "$(xml_texts PGN mc.d/* | sort | tr '\n' ' ')" "F004 F004 FEF1 FEF1 FEF1 " "PGNs"
@@ -51,7 +46,6 @@ for datagram in mc.d/*; do
 done
 # The mapping decoded the CCVS frames on the way: wheel speed 0x1480/256 km/h.
 expect_eq "$(xml_texts Value mc.d/000001 | sed -n 2p)" 20.500 "wheel speed"
-grep -q 'DBG : vcan1 at index [0-9]' fmstoip.err || fail "vcan1 reader: $(cat fmstoip.err)"
 stop_process "$fmstoip"
 expect_eq "$status" 2 "exit status"
 
