@@ -51,6 +51,7 @@ def main():
     from canbus_peer import BUILD_DIR, CanBus
     from nginx_peer import Nginx, wait_for_port
     from sandbox import Process, Sandbox
+    sys.path.insert(0, os.path.join(HERE, "..", "tests", "system"))
     from test_fmstoip import CCVS, play, start
 
     sandbox = Sandbox(tempfile.mkdtemp(prefix="pgnhttp-bench-"))

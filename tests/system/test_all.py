@@ -158,6 +158,34 @@ def test_fastcgi_streams_of_the_fuzz_corpus(car):
     serves_everything(car)
 
 
+def test_web_server_that_vanishes_mid_answer(car):
+    """The daemon still writes a long answer (one per STDIN record) when the web server goes:
+    it must neither die of SIGPIPE nor stall."""
+    def record(kind, content):
+        return struct.pack(">BBHHBx", 1, kind, 1, len(content), 0) + content
+
+    params = b"".join(bytes([len(n), len(v)]) + n + v for n, v in (
+        (b"REQUEST_URI", b"/fmstoip/getpgn"), (b"SERVER_PORT", str(car.http_port).encode())))
+    stream = (record(1, struct.pack(">HB5x", 1, 0)) + record(4, params) + record(4, b"") +
+              record(5, b"<PGNGet>FEF1</PGNGet>") * 20000 + record(5, b""))
+    peer = socket.socket()
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    peer.connect(("127.0.0.1", car.fcgi_port))
+    peer.setblocking(False)
+    sent, deadline = 0, time.monotonic() + 2 * SLOW
+    while sent < len(stream) and time.monotonic() < deadline:
+        try:
+            sent += peer.send(stream[sent:])
+        except BlockingIOError:
+            time.sleep(0.01)
+    peer.settimeout(5 * SLOW)
+    assert peer.recv(4096).startswith(b"\x01\x06\x00\x01")  # STDOUT of request 1
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    peer.close()
+    car.tavro.wait_for(r"^WARN: FastCGI connection dropped: write\(\) failed$")
+    serves_everything(car)
+
+
 def test_multicast_interface_down_and_up(car):
     failed = count(car, "WARN: Multicast could not be sent!")
     reopened = count(car, "INFO: Reopening socket!")

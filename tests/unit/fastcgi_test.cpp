@@ -414,6 +414,24 @@ TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
     while (big.size() < 1100 * 1000)
         big += record(PARAMS, 1, std::string(65000, 'p'));
     EXPECT_EQ(exchange(big, "", port), ending(1, 1, OVERLOADED));
+    // Out of descriptors: accept() fails, the server goes with its listening socket (which
+    // resets the waiting peer), and a new one serves once descriptors are free again.
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit saved = limit;
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    limit.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const int waiting = endpoint("", port);
+    const timeval patience = {5, 0};
+    setsockopt(waiting, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    char none;
+    EXPECT_EQ(recv(waiting, &none, 1, 0), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    close(waiting);
+    setrlimit(RLIMIT_NOFILE, &saved);
+    ASSERT_TRUE(waitFor(listening));
     // Before the verbosity goes back: the front end's thread reads it.
     FcgiHandler::stop();
     const std::string log = capture.text();
@@ -421,6 +439,7 @@ TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
          {"INFO: Bind to fcgi socket failed. retrying...\n",
           "ERR : FastCGI server failed: hook failed. Restarting it.\n",
           "WARN: FastCGI request for \"\" ended: its connection held more than 1048576 bytes. "
-          "Connection closed.\n"})
+          "Connection closed.\n",
+          "ERR : FastCGI server failed: accept() failed. Restarting it.\n"})
         EXPECT_NE(log.find(line), std::string::npos) << line;
 }

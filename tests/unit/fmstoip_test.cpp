@@ -5,6 +5,10 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -137,4 +141,40 @@ TEST(FrameQueue, OverloadDropsTheOldestFrame) {
     ASSERT_EQ(queue.size(), 100u);
     for (uint64_t i = 2; i <= 101; ++i)
         EXPECT_EQ(queue.pop()->getTimestamp(), i);
+}
+
+// Once the consumer takes frames, a full queue holds the reader up instead of dropping, for as
+// long as the allowance; past it, the oldest frames go again, at once.
+TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
+    VerbosityScope warnings(1);
+    StderrCapture capture;
+    FrameQueue patient(100, std::chrono::hours(1));
+    std::atomic<bool> resume{false};
+    uint64_t next = 1;
+    std::thread consumer([&] {
+        EXPECT_EQ(patient.pop()->getTimestamp(), next++);
+        while (!resume)
+            usleep(1000);
+        while (next <= 150)
+            EXPECT_EQ(patient.pop()->getTimestamp(), next++);
+    });
+    std::thread producer([&] {
+        for (uint64_t i = 1; i <= 150; ++i)
+            patient.push(frame(0xFEF1, i));
+    });
+    while (patient.size() < 100)
+        usleep(1000);
+    resume = true;
+    producer.join();
+    consumer.join();
+    EXPECT_EQ(capture.text(), "");
+
+    FrameQueue stalled(100, std::chrono::milliseconds(50));
+    std::thread first([&] { EXPECT_EQ(stalled.pop()->getTimestamp(), 1u); });
+    stalled.push(frame(0xFEF1, 1));
+    first.join();
+    for (uint64_t i = 2; i <= 103; ++i)
+        stalled.push(frame(0xFEF1, i));
+    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\nWARN: Dropped can frame!\n");
+    EXPECT_EQ(stalled.pop()->getTimestamp(), 4u);
 }
