@@ -28,28 +28,11 @@ http {{
     uwsgi_temp_path {run}/uwsgi;
     scgi_temp_path {run}/scgi;
     client_max_body_size 64m;
-    upstream tavro_keep {{
-        server 127.0.0.1:{fcgi_port};
-        keepalive 4;
-    }}
     server {{
 {listen}
         location / {{
             include /etc/nginx/fastcgi_params;
             fastcgi_pass 127.0.0.1:{fcgi_port};
-        }}
-        # The answer goes to the client as it comes: a client that leaves makes nginx close
-        # the FastCGI connection in the middle of the answer.
-        location /huge {{
-            include /etc/nginx/fastcgi_params;
-            fastcgi_buffering off;
-            fastcgi_pass 127.0.0.1:{fcgi_port};
-        }}
-        # Connections to the application are kept and reused (KEEP_CONN set).
-        location /keep/ {{
-            include /etc/nginx/fastcgi_params;
-            fastcgi_keep_conn on;
-            fastcgi_pass tavro_keep;
         }}
 {extra}
     }}
