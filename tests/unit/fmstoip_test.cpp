@@ -150,20 +150,24 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
     StderrCapture capture;
     FrameQueue patient(100, std::chrono::hours(1));
     std::atomic<bool> resume{false};
-    uint64_t next = 1;
     std::thread consumer([&] {
-        EXPECT_EQ(patient.pop()->getTimestamp(), next++);
-        while (!resume)
-            usleep(1000);
-        while (next <= 150)
-            EXPECT_EQ(patient.pop()->getTimestamp(), next++);
+        for (uint64_t next = 1; next <= 150; ++next) {
+            EXPECT_EQ(patient.pop()->getTimestamp(), next);
+            while (next == 1 && !resume)
+                usleep(1000);
+        }
     });
+    // Frame 1 taken: the consumer is at work, and then stops for a while.
+    patient.push(frame(0xFEF1, 1));
+    while (patient.size() != 0)
+        usleep(1000);
     std::thread producer([&] {
-        for (uint64_t i = 1; i <= 150; ++i)
+        for (uint64_t i = 2; i <= 150; ++i)
             patient.push(frame(0xFEF1, i));
     });
     while (patient.size() < 100)
         usleep(1000);
+    usleep(20 * 1000);
     resume = true;
     producer.join();
     consumer.join();
