@@ -4,6 +4,7 @@
 #include "CanHandler.h"
 #include "Fmstoip.h"
 #include "Logger.h"
+#include "LoopbackReceiver.h"
 #include "NetHelpers.h"
 
 #include <arpa/inet.h>
@@ -85,20 +86,12 @@ public:
         mkdir(bus.c_str(), 0755);
         setenv("TAVRO_VCAN_DIR", root.c_str(), 1);
 
-        receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const int buffer = 4 << 20;
-        setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
-        sockaddr_in address;
-        memset(&address, 0, sizeof address);
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length);
+        uint16_t port = 0;
+        receiver = loopbackReceiver(port);
 
         // "+PORT": no announcement (no plain decimal port), the sender still reads the port.
         const std::string conf = root + "/fmstoip.conf";
-        std::ofstream(conf) << "multicast_addr=127.0.0.1\nservice_port=+" << ntohs(address.sin_port)
+        std::ofstream(conf) << "multicast_addr=127.0.0.1\nservice_port=+" << port
                             << "\nnetwork_interface=lo\nmulticast_ttl=0\npgn_counter_file=" << root
                             << "/counts\ncan_interface=vcan-bench\nmapping_file=" << mappingFile()
                             << "\nperiod_ms=" << periodMs << "\n";

@@ -11,6 +11,7 @@
 #include "CanHandler.h"
 #include "Fmstoip.h"
 #include "Logger.h"
+#include "LoopbackReceiver.h"
 #include "NetHelpers.h"
 
 #include <arpa/inet.h>
@@ -76,21 +77,13 @@ int main(int argc, char** argv) {
     mkdir((root + "/frames").c_str(), 0755);
     setenv("TAVRO_VCAN_DIR", root.c_str(), 1);
 
-    const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const int room = 4 << 20;
-    setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-    sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length);
+    uint16_t port = 0;
+    const int receiver = loopbackReceiver(port);
 
     // "+PORT" is no plain decimal port, so nothing is announced; the sender still reads it.
     std::string conf = root + "/fmstoip.conf";
     std::ofstream file(conf);
-    file << "multicast_addr=127.0.0.1\nservice_port=+" << ntohs(address.sin_port)
+    file << "multicast_addr=127.0.0.1\nservice_port=+" << port
          << "\nnetwork_interface=lo\nmulticast_ttl=0\npgn_counter_file=" << root
          << "/counts\ncan_interface=frames\nperiod_ms=0\nmapping_file=";
     for (int i = 3; i < argc; ++i)
