@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iomanip>
+#include <tuple>
+
 TEST(JsonCanDecoder, PgnOfIdentifiersAndWhatIsAccepted) {
     EXPECT_EQ(pgnOf(0x18FEF100), 0xFEF1);
     EXPECT_EQ(pduFormat(0x18FEF100), 0xFE);
@@ -125,19 +128,134 @@ TEST(JsonCanDecoder, ValuesOfTheWrongTypeAreRefusedAtLoad) {
     EXPECT_FALSE(decoder.accepts(canFrame(0x18FEF200)));
 }
 
-// The public J1939 mapping file; expected values from the J1939 parameter definitions.
-TEST(PublicMapping, VehicleAndEngineSignals) {
+// The shipped FMS mapping, on one frame of each parameter group as a vehicle sends it; the
+// expected values are worked out by hand from the J1939 definitions. Longer payloads go as BAMs.
+TEST(FmsMapping, OneFrameOfEachParameterGroup) {
+    const std::string path = TAVRO_TEST_DATA "/../../etc/fms-mapping.json";
+    auto ascii = [](const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); };
+    auto unavailable = [](int first, int last) {
+        std::string list;
+        for (int spn = first; spn <= last; ++spn)
+            list += "; " + std::to_string(spn) + "=Not available";
+        return list;
+    };
+    const struct {
+        uint32_t id;
+        std::vector<uint8_t> data;
+        std::string expected;
+    } cases[] = {
+        {0x0CF00300, {0xFF, 0x7D, 0x2D, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "91=50; 92=45"},
+        {0x0CF00400, {0xF0, 0x8C, 0x91, 0x80, 0x3E, 0x00, 0xF0, 0x7D}, "512=15; 513=20; 190=2000"},
+        {0x18F00010,
+         {0xF0, 0x64, 0x6E, 0xFF, 0x10, 0xFF, 0xFA, 0xE1},
+         "520=-25; 1085=-15; 1716=100; 1717=100"},
+        {0x18F0010B, {0xC0, 0x32, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "521=20"},
+        {0x18F00503, {0x7F, 0x00, 0x00, 0x7E, 0xFF, 0xFF, 0xFF, 0xFF}, "524=2; 523=1"},
+        {0x18FEF100,
+         {0xC4, 0x80, 0x32, 0x10, 0xFF, 0xFF, 0xE3, 0xFF},
+         "70=Parking brake set; 84=50.5; 595=Cruise control switched off; 597=Brake pedal "
+         "depressed; 598=Clutch pedal released; 976=Standby"},
+        {0x18FEE900, {0xFF, 0xFF, 0xFF, 0xFF, 0x81, 0xC4, 0x03, 0x00}, "250=123456.5"},
+        {0x18FEAF00, {0xFF, 0xFF, 0xFF, 0xFF, 0x88, 0x13, 0x00, 0x00}, "1040=2500"},
+        {0x18FD0900, {0xFF, 0xFF, 0xFF, 0xFF, 0x15, 0xCD, 0x5B, 0x07}, "5054=123456.789"},
+        {0x18FEF200, {0xFE, 0x01, 0x00, 0x07, 0xFF, 0xFF, 0xFF, 0xFF}, "183=25.5; 184=3.5"},
+        {0x18FEFC17, {0xFF, 0xC8, 0xFF, 0xFF, 0xFF, 0xFF, 0x32, 0xFF}, "96=80; 38=20"},
+        {0x18FE563D, {0x96, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "1761=60"},
+        {0x18FEE500, {0x80, 0xC4, 0x03, 0x00, 0xFF, 0xFF, 0xFF, 0xFF}, "247=12345.6"},
+        {0x18FEEE00, {0x7B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "110=83"},
+        {0x18FEF500, {0xFF, 0xFF, 0xFF, 0xD0, 0x24, 0xFF, 0xFF, 0xFF}, "171=21.5"},
+        {0x18FEC1EE, {0x9E, 0xC2, 0x78, 0x01, 0xFF, 0xFF, 0xFF, 0xFF}, "917=123456790"},
+        {0x18FEC000, {0xFF, 0xAB, 0x7E, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "914=1500"},
+        {0x18FEEA2F, {0x12, 0x98, 0x3A, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "928=18; 582=7500"},
+        {0x18FE702F, {0xFF, 0xFF, 0x08, 0x07, 0xFF, 0xFF, 0xFF, 0xFF}, "1760=18000"},
+        {0x18FEAE30, {0xFF, 0xFF, 0x6E, 0x64, 0xFF, 0xFF, 0xFF, 0xFF}, "1087=880; 1088=800"},
+        {0x18FEBF0B, {0x40, 0x1E, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "904=30.25"},
+        {0x0CFE6CEE,
+         {0x43, 0x11, 0xC0, 0x00, 0xE0, 0x2E, 0x80, 0x32},
+         "1612=Drive; 1613=Rest; 1611=Vehicle motion detected; 1617=15 min before 4 1/2 h; "
+         "1615=Driver card present; 1614=No overspeed; 1618=Normal; 1616=Driver card not "
+         "present; 1622=No tachograph event; 1621=No handling information; 1620=Normal "
+         "performance; 1619=Forward; 1623=1500; 1624=50.5"},
+        {0x18FDA400,
+         {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFD, 0xFF},
+         "3948=At least one PTO drive is engaged"},
+        {0x18FED500,
+         {0xFF, 0xFF, 0xF1, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+         "3353=Charging; 3354=Not charging; 3355=Not available; 3356=Not available"},
+        {0x18FE4E25,
+         {0x40, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+         "1821=At least 1 door is open; 1820=Inside bus; 3411=At least 1 bus door is enabled"},
+        {0x18FDA525,
+         {0x14, 0x04, 0x55, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+         "3412=Unlocked; 3413=Open; 3414=Enabled; 3415=Unlocked; 3416=Closed; 3417=Enabled; "
+         "3418=Unlocked; 3419=Closed; 3420=Enabled; 3421=Locked; 3422=Open; 3423=Enabled" +
+             unavailable(3424, 3441)},
+        {0x18FD7D17,
+         {0x81, 0x8B, 0x8A, 0x89, 0xFF, 0xFF, 0xFF, 0xFF},
+         "5085=1; 5086=Off; 5087=Info; 5088=Off; 5089=Yellow; 5090=Off; 5091=Red; 5092=Off" +
+             unavailable(5093, 5100)},
+        {0x18FDD121,
+         {0xF5, '0', '4', '0', '0', 0xFF, 0xFF, 0xFF},
+         "2804=Diagnostics supported; 2805=Requests supported"},
+        {0x18FEEC00, ascii("WMAR06ZZ7KT012345*"), "237=WMAR06ZZ7KT012345"},
+        {0x18FE6B00, ascii("D1ID-0001*D2ID-0002*"), "1625=D1ID-0001; 1626=D2ID-0002"},
+    };
+    JsonCanDecoder decoder(path);
+    // Every parameter group of the file has its case.
+    EXPECT_EQ(PgnMapping(path, PgnMapping::Format::Fms).size(), std::size(cases));
+    for (const auto& c : cases) {
+        std::unique_ptr<DecodedFrame> frame;
+        if (c.data.size() <= 8) {
+            can_frame raw = canFrame(c.id);
+            std::copy(c.data.begin(), c.data.end(), raw.data);
+            frame = decode(decoder, raw);
+        } else {
+            const std::string payload(c.data.begin(), c.data.end());
+            const uint8_t packets = static_cast<uint8_t>((payload.size() + 6) / 7);
+            decode(decoder, bamAnnounce(pgnOf(c.id), payload.size(), packets));
+            for (uint8_t seq = 1; seq <= packets; ++seq)
+                frame = decode(decoder, bamPacket(seq, payload.substr(7 * (seq - 1), 7)));
+        }
+        ASSERT_TRUE(frame) << c.expected;
+        EXPECT_EQ(frame->getPgn(), pgnOf(c.id));
+        std::ostringstream values;
+        values << std::setprecision(10);
+        for (const SPN* spn : frame->spns()) {
+            values << (values.tellp() > 0 ? "; " : "") << spn->getNumber() << '=';
+            if (auto* number = dynamic_cast<const SPNNumeric*>(spn))
+                values << number->getValue();
+            else if (auto* state = dynamic_cast<const SPNStatus*>(spn))
+                values << state->getDescription();
+            else
+                values << dynamic_cast<const SPNString*>(spn)->getValue();
+        }
+        EXPECT_EQ(values.str(), c.expected) << std::hex << c.id;
+    }
+}
+
+// Wherever the public J1939 mapping describes the same signal, it puts it in the same place.
+TEST(FmsMapping, AgreesWithThePublicJ1939Mapping) {
     const std::string path = TAVRO_SHARED_DATA "/j1939-framework/frames.json";
     if (!std::ifstream(path).good())
         GTEST_SKIP() << "no " << path;
-    JsonCanDecoder decoder(path);
-    // CCVS: PTO state 31 (not available), 50 km/h (12800 x 1/256), brake pedal depressed
-    // (byte 4 bits 5-6 = 01), parking brake set (byte 1 bits 3-4 = 01).
-    auto ccvs = decode(decoder, canFrame(0x18FEF100, {0x04, 0x00, 0x32, 0x10, 0xFF, 0xFF, 0x1F}));
-    ASSERT_EQ(ccvs->spns().size(), 5u);
-    EXPECT_EQ(status(*ccvs, 0).getValue(), 31u);
-    EXPECT_EQ(status(*ccvs, 0).getDescription(), ""); // six descriptions only
-    EXPECT_DOUBLE_EQ(numeric(*ccvs, 1).getValue(), 50.0);
-    EXPECT_EQ(status(*ccvs, 2).getValue(), 1u);
-    EXPECT_EQ(status(*ccvs, 4).getValue(), 1u);
+    const PgnMapping ours(TAVRO_TEST_DATA "/../../etc/fms-mapping.json", PgnMapping::Format::Fms);
+    const PgnMapping theirs(path, PgnMapping::Format::Fms);
+    size_t compared = 0;
+    for (uint32_t pgn = 0; pgn <= 0xFFFF; ++pgn) {
+        const PgnMapping::Group* a = ours.find(static_cast<uint16_t>(pgn));
+        const PgnMapping::Group* b = theirs.find(static_cast<uint16_t>(pgn));
+        for (const SpnRule& mine : a&& b ? a->rules : std::vector<SpnRule>()) {
+            for (const SpnRule& other : b->rules) {
+                if (other.number != mine.number)
+                    continue;
+                ++compared;
+                EXPECT_EQ(std::tie(mine.type, mine.position, mine.width),
+                          std::tie(other.type, other.position, other.width))
+                    << "SPN " << mine.number;
+                EXPECT_DOUBLE_EQ(mine.gain, other.gain) << "SPN " << mine.number;
+                EXPECT_DOUBLE_EQ(mine.offset, other.offset) << "SPN " << mine.number;
+            }
+        }
+    }
+    EXPECT_EQ(compared, 40u);
 }
