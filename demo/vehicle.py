@@ -22,7 +22,7 @@ from avahi_peer import AvahiPeer, _unescape, parse_resolved
 from canbus_peer import CanBus
 from gpsd_peer import Gpsd, NmeaFeed
 from nginx_peer import Nginx, wait_for_port
-from sandbox import SLOW, SOURCE_DIR
+from sandbox import SLOW, SOURCE_DIR, run
 
 CONF_FILES = ("tavro.conf", "inventory.conf", "fmstoip.conf", "addpgn.conf", "removepgn.conf",
               "getpgn.conf", "time.conf", "gnss.conf", "vehicletoip.conf", "mqttbroker.conf")
@@ -46,22 +46,24 @@ def read_conf(path):
     return values
 
 
-def install_conf(name, changes):
-    """Copies etc/<name> to /etc/tavro, with the values of changes put in."""
-    with open(os.path.join(SOURCE_DIR, "etc", name)) as f:
+def install_conf(name, changes, source=os.path.join(SOURCE_DIR, "etc"), target="/etc/tavro"):
+    """Copies source/<name> to target, with the values of changes put in."""
+    with open(os.path.join(source, name)) as f:
         text = f.read()
     for key, value in changes.items():
         text, count = re.subn(r"(?m)^%s=.*$" % re.escape(key), "%s=%s" % (key, value), text)
         if count == 0:
             text += "%s=%s\n" % (key, value)
-    with open(os.path.join("/etc/tavro", name), "w") as f:
+    with open(os.path.join(target, name), "w") as f:
         f.write(text)
 
 
 class Vehicle:
-    """tavro-all with all its peers in the sandbox; see the module text."""
+    """tavro-all with all its peers in the sandbox; see the module text. With root, the
+    tavro-all installed in that Debian root runs there (chroot) with the configuration
+    installed there, changed in the same values."""
 
-    def __init__(self, sandbox, verbosity="-v", nmea_interval=1.0):
+    def __init__(self, sandbox, verbosity="-v", nmea_interval=1.0, root=None):
         self.sandbox = sandbox
         self.avahi = AvahiPeer(sandbox)
         # v1 takes datagrams whose source, v0's address, is local too.
@@ -71,24 +73,31 @@ class Vehicle:
         # The inventory reads the MAC address of v0 from a /sys of this namespace.
         sandbox.mount_sysfs()
 
-        counter_file = sandbox.path("pgn_counter")
+        changes = {"tavro.conf": {"network_interface": "v0"}}
+        if root is None:
+            conf_dir = "/etc/tavro"
+            counter_file = sandbox.path("pgn_counter")
+            changes["inventory.conf"] = {"moduleinfo_file_path": sandbox.path("moduleinfo.xml")}
+            changes["fmstoip.conf"] = {"pgn_counter_file": counter_file}
+            for name in CONF_FILES:
+                install_conf(name, changes.get(name, {}))
+            # The mapping files where the example configuration expects them.
+            shutil.copy(os.path.join(SOURCE_DIR, "etc", "vehicletoip-mapping.json"), conf_dir)
+            shutil.copy(os.path.join(DEMO_DIR, "fms-mapping.json"), conf_dir)
+        else:
+            conf_dir = os.path.join(root, "etc", "tavro")
+            counter_file = root + read_conf(os.path.join(conf_dir, "fmstoip.conf"))[
+                "pgn_counter_file"]
+            install_conf("tavro.conf", changes["tavro.conf"], conf_dir, conf_dir)
         open(counter_file, "w").close()  # no PGN requested yet
-        changes = {"tavro.conf": {"network_interface": "v0"},
-                   "inventory.conf": {"moduleinfo_file_path": sandbox.path("moduleinfo.xml")},
-                   "fmstoip.conf": {"pgn_counter_file": counter_file}}
-        for name in CONF_FILES:
-            install_conf(name, changes.get(name, {}))
-        # The mapping files where the example configuration expects them.
-        shutil.copy(os.path.join(SOURCE_DIR, "etc", "vehicletoip-mapping.json"), "/etc/tavro/")
-        shutil.copy(os.path.join(DEMO_DIR, "fms-mapping.json"), "/etc/tavro/")
-        self.conf = {name: read_conf(os.path.join("/etc/tavro", name)) for name in CONF_FILES}
+        self.conf = {name: read_conf(os.path.join(conf_dir, name)) for name in CONF_FILES}
         general = self.conf["tavro.conf"]
 
         self.listeners = {}
-        for name, root in DATA_SERVICES:
+        for name, document in DATA_SERVICES:
             conf = dict(self.conf[name], **general)
-            self.listeners[root] = sandbox.listen(conf["multicast_addr"],
-                                                  int(conf["service_port"]), "10.20.0.2")
+            self.listeners[document] = sandbox.listen(conf["multicast_addr"],
+                                                      int(conf["service_port"]), "10.20.0.2")
         self.browser = sandbox.spawn(["stdbuf", "-oL", "avahi-browse", "-rpak"],
                                      name="avahi-browse")
 
@@ -98,7 +107,22 @@ class Vehicle:
 
         self.bus = CanBus(sandbox)
         bus_dir = self.bus.add(self.conf["fmstoip.conf"]["can_interface"])
-        self.tavro = sandbox.tavro("all", verbosity, env=self.bus.env)
+        if root is None:
+            self.tavro = sandbox.tavro("all", verbosity, env=self.bus.env)
+        else:
+            # What the daemon reaches outside its root: the system bus, the CAN bus folder,
+            # and /sys and /proc of this sandbox.
+            for path in ("/run/dbus", self.bus.root):
+                inside = root + path
+                os.makedirs(inside, exist_ok=True)
+                run("mount", "--bind", path, inside)
+                sandbox.mounts.append(inside)
+            for kind in ("sysfs", "proc"):
+                inside = os.path.join(root, kind.replace("fs", ""))
+                run("mount", "-t", kind, kind, inside)
+                sandbox.mounts.append(inside)
+            self.tavro = sandbox.spawn(["chroot", root, "/usr/bin/tavro-all", verbosity],
+                                       env=dict(os.environ, **self.bus.env), name="tavro-all")
         deadline = time.monotonic() + 10 * SLOW
         while not os.listdir(bus_dir):
             if time.monotonic() > deadline or not self.tavro.running():

@@ -1,0 +1,87 @@
+"""The Debian packages of scripts/package, installed with dpkg into throw-away overlays of a
+fresh Debian root (scripts/package-root) that holds only what they depend on, and run from
+there: the amd64 tavro-all with its real peers, the armhf tavro-time under qemu-arm.
+
+Run by the package stage of scripts/check, which names the packages and the root in
+TAVRO_PACKAGES (space-separated .deb paths) and TAVRO_PACKAGE_ROOT."""
+
+import os
+import re
+import shutil
+
+import pytest
+
+from sandbox import run
+from test_all import serves_everything
+from vehicle import CONF_FILES, Vehicle, install_conf, read_conf
+
+PACKAGES = os.environ.get("TAVRO_PACKAGES", "").split()
+BASE = os.environ.get("TAVRO_PACKAGE_ROOT", "")
+pytestmark = pytest.mark.skipif(not PACKAGES or not BASE, reason="run by scripts/check package")
+LINKS = ("all", "inventory", "fmstoip", "time", "gnss", "vehicletoip", "mqtt")
+
+
+def installed(sandbox, arch):
+    """A copy-on-write root with the package of arch installed by dpkg; returns its path."""
+    deb, = [p for p in PACKAGES if p.endswith("_%s.deb" % arch)]
+    layers = {name: sandbox.path("%s-%s" % (arch, name)) for name in ("upper", "work", "root")}
+    for path in layers.values():
+        os.makedirs(path)
+    run("mount", "-t", "overlay", "overlay", "-o", "lowerdir=%s,upperdir=%s,workdir=%s"
+        % (BASE, layers["upper"], layers["work"]), layers["root"])
+    sandbox.mounts.append(layers["root"])
+    root = layers["root"]
+    run("dpkg", "--root=" + root, "-i", deb)
+
+    query = ["dpkg-query", "--root=" + root, "-W", "-f"]
+    assert run(*query, "${Status}", "tavro") == "install ok installed"
+    conffiles = run(*query, "${Conffiles}", "tavro")
+    for name in CONF_FILES + ("fms-mapping.json", "vehicletoip-mapping.json"):
+        assert "/etc/tavro/%s " % name in conffiles
+    for entry in LINKS:
+        assert os.readlink(os.path.join(root, "usr/bin/tavro-" + entry)) == "tavro"
+    for unit in ("tavro@.service", "tavro-all.service"):
+        assert "ExecStart=/usr/bin/tavro-" in open(os.path.join(
+            root, "usr/lib/systemd/system", unit)).read()
+    general = read_conf(os.path.join(root, "etc/tavro/tavro.conf"))
+    assert general["fcgi_address"] == "127.0.0.1"
+    # Every mapping file that the configuration names is there.
+    for name in CONF_FILES:
+        for path in read_conf(os.path.join(root, "etc/tavro", name)).get(
+                "mapping_file", "").split(","):
+            assert not path or os.path.isfile(root + path), path
+    return root
+
+
+def test_amd64_package_runs_every_service(sandbox):
+    root = installed(sandbox, "amd64")
+    car = Vehicle(sandbox, "-vv", root=root)
+    assert car.request("add", "FEF1")[0] == 200
+    serves_everything(car)
+    # Decoded with the installed FMS mapping (its SPN 595 is in no other mapping file).
+    fef1 = car.listeners["FMStoIPDelivery"].wait_for(
+        1, 10, lambda d: b"<PGN>FEF1</PGN>" in d and b"Cruise control active" in d)
+    assert fef1
+    assert [line for line in car.tavro.lines() if line.startswith(("ERR", "WARN"))] == []
+    assert car.stop(30) == 2, car.tavro.stderr
+
+
+def test_armhf_package_announces_time_under_qemu(sandbox, avahi):
+    root = installed(sandbox, "armhf")
+    shutil.copy("/usr/bin/qemu-arm-static", os.path.join(root, "usr/bin"))
+    conf_dir = os.path.join(root, "etc/tavro")
+    install_conf("tavro.conf", {"network_interface": "v0"}, conf_dir, conf_dir)
+    remote = avahi.remote()
+    dbus = root + "/run/dbus"
+    os.makedirs(dbus, exist_ok=True)
+    run("mount", "--bind", "/run/dbus", dbus)
+    sandbox.mounts.append(dbus)
+    proc = sandbox.spawn(["chroot", root, "/usr/bin/qemu-arm-static", "-0", "tavro-time",
+                          "/usr/bin/tavro-time", "-vv"], name="tavro-time")
+    time_conf = read_conf(os.path.join(conf_dir, "time.conf"))
+    rec = remote.wait_for(time_conf["service_name"], "_%s._%s" % (
+        time_conf["service_type"], time_conf["service_protocol"]), timeout=30)
+    assert (rec.port, rec.address) == (int(time_conf["service_port"]), "10.20.0.1")
+    assert re.search(r"^INFO: Starting time service\.$", proc.stderr, re.M), proc.stderr
+    proc.interrupt()
+    assert proc.wait(15) == 2, proc.stderr
