@@ -61,7 +61,7 @@ def install_conf(name, changes):
 class Vehicle:
     """tavro-all with all its peers in the sandbox; see the module text."""
 
-    def __init__(self, sandbox, verbosity="-v", nmea_interval=1.0):
+    def __init__(self, sandbox, verbosity="-v", nmea_interval=1.0, env=None):
         self.sandbox = sandbox
         self.avahi = AvahiPeer(sandbox)
         # v1 takes datagrams whose source, v0's address, is local too.
@@ -98,7 +98,7 @@ class Vehicle:
 
         self.bus = CanBus(sandbox)
         bus_dir = self.bus.add(self.conf["fmstoip.conf"]["can_interface"])
-        self.tavro = sandbox.tavro("all", verbosity, env=self.bus.env)
+        self.tavro = sandbox.tavro("all", verbosity, env=dict(self.bus.env, **(env or {})))
         deadline = time.monotonic() + 10 * SLOW
         while not os.listdir(bus_dir):
             if time.monotonic() > deadline or not self.tavro.running():
