@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -62,7 +63,7 @@ void ServiceManager::waitFor(const volatile sig_atomic_t& stop) const {
             pause();
         return;
     }
-    const auto step = timeout / 4;
+    const auto step = std::max(timeout / 4, std::chrono::microseconds(10000));
     std::string stalled;
     while (stop == 0) {
         const std::string now = Heartbeat::stalled(timeout / 2);
