@@ -63,7 +63,7 @@ class Vehicle:
     tavro-all installed in that Debian root runs there (chroot) with the configuration
     installed there, changed in the same values."""
 
-    def __init__(self, sandbox, verbosity="-v", nmea_interval=1.0, root=None):
+    def __init__(self, sandbox, verbosity="-v", nmea_interval=1.0, env=None, root=None):
         self.sandbox = sandbox
         self.avahi = AvahiPeer(sandbox)
         # v1 takes datagrams whose source, v0's address, is local too.
@@ -107,8 +107,9 @@ class Vehicle:
 
         self.bus = CanBus(sandbox)
         bus_dir = self.bus.add(self.conf["fmstoip.conf"]["can_interface"])
+        env = dict(self.bus.env, **(env or {}))
         if root is None:
-            self.tavro = sandbox.tavro("all", verbosity, env=self.bus.env)
+            self.tavro = sandbox.tavro("all", verbosity, env=env)
         else:
             # What the daemon reaches outside its root: the system bus, the CAN bus folder,
             # and /sys and /proc of this sandbox.
@@ -122,7 +123,7 @@ class Vehicle:
                 run("mount", "-t", kind, kind, inside)
                 sandbox.mounts.append(inside)
             self.tavro = sandbox.spawn(["chroot", root, "/usr/bin/tavro-all", verbosity],
-                                       env=dict(os.environ, **self.bus.env), name="tavro-all")
+                                       env=dict(os.environ, **env), name="tavro-all")
         deadline = time.monotonic() + 10 * SLOW
         while not os.listdir(bus_dir):
             if time.monotonic() > deadline or not self.tavro.running():

@@ -1,6 +1,7 @@
 #include "CanHandler.h"
 
 #include "DecodedFrame.h"
+#include "Heartbeat.h"
 #include "Logger.h"
 #include "NetHelpers.h"
 
@@ -320,6 +321,7 @@ void CanHandler::readLoop() {
     bool lost = false;
 
     while (running) {
+        Heartbeat::beat();
         if (lost) {
             if (Clock::now() < nextCheck) {
                 usleep(10000);

@@ -1,5 +1,6 @@
 #include "FcgiHandler.h"
 
+#include "Heartbeat.h"
 #include "Logger.h"
 #include "Server.h"
 
@@ -101,8 +102,10 @@ void onLimit(const Request& request, bool allConnections) {
 
 // Sleeps up to ms, in steps short enough for stop() to be quick.
 void sleepWhileRunning(int ms) {
-    for (int slept = 0; slept < ms && registry().running; slept += 100)
+    for (int slept = 0; slept < ms && registry().running; slept += 100) {
+        Heartbeat::beat();
         usleep(100 * 1000);
+    }
 }
 
 // Serves until stop() (true) or until the server fails as a whole (false).
@@ -125,6 +128,7 @@ bool serve(uint16_t port) {
     }
     try {
         while (registry().running) {
+            Heartbeat::beat();
             try {
                 server.process(100);
             } catch (const FastCGIServer::ConnectionError& error) {
@@ -194,6 +198,7 @@ void FcgiHandler::start(uint16_t port) {
     sigset_t previous;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGINT);
+    sigaddset(&blocked, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &blocked, &previous);
     try {
         r.thread = std::thread(threadBody, port);

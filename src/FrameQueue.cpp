@@ -1,5 +1,6 @@
 #include "FrameQueue.h"
 
+#include "Heartbeat.h"
 #include "Logger.h"
 
 FrameQueue::FrameQueue(size_t limit, std::chrono::milliseconds allowance)
@@ -34,9 +35,13 @@ void FrameQueue::push(const DecodedFrame& frame) {
 }
 
 std::unique_ptr<DecodedFrame> FrameQueue::pop() {
+    Heartbeat::beat();
     std::unique_lock<std::mutex> lock(mutex);
     consuming = true;
-    arrived.wait(lock, [this] { return closed || !frames.empty(); });
+    // Waiting for frames is progress too (once a second), so idle is not hung.
+    while (!arrived.wait_for(lock, std::chrono::seconds(1),
+                             [this] { return closed || !frames.empty(); }))
+        Heartbeat::beat();
     if (closed)
         return nullptr;
     std::unique_ptr<DecodedFrame> frame = std::move(frames.front());

@@ -1,5 +1,6 @@
 #include "Gnss.h"
 
+#include "Heartbeat.h"
 #include "Logger.h"
 
 #include <arpa/inet.h>
@@ -325,6 +326,7 @@ Gnss::ReadResult Gnss::readLine(std::string& line) {
     line.clear();
     bool dropping = false;
     for (;;) {
+        Heartbeat::beat();
         if (!running)
             return ReadResult::Stopped;
         char byte;
@@ -359,6 +361,7 @@ bool Gnss::waitReady(short events) {
     ready.fd = socketFd;
     ready.events = events;
     while (running) {
+        Heartbeat::beat();
         ready.revents = 0;
         if (poll(&ready, 1, static_cast<int>(pollInterval.count())) != 0)
             return running;
@@ -367,6 +370,7 @@ bool Gnss::waitReady(short events) {
 }
 
 bool Gnss::pause(std::chrono::milliseconds duration) {
+    Heartbeat::beat();
     std::unique_lock<std::mutex> lock(mutex);
     return !wake.wait_for(lock, duration, [this] { return !running; });
 }

@@ -1,5 +1,6 @@
 #include "ModuleInventory.h"
 
+#include "Heartbeat.h"
 #include "Logger.h"
 
 #include <sys/stat.h>
@@ -93,6 +94,7 @@ ModuleInventory::~ModuleInventory() {
 void ModuleInventory::watchdog() {
     std::unique_lock<std::mutex> lock(mutex);
     while (watchdogRunning) {
+        Heartbeat::beat();
         lock.unlock();
         checkStatus();
         lock.lock();

@@ -1,6 +1,13 @@
 #include "PeriodicThread.h"
 
+#include "Heartbeat.h"
+
+#include <algorithm>
 #include <system_error>
+
+namespace {
+constexpr std::chrono::seconds beatInterval{1};
+}
 
 PeriodicThread::PeriodicThread(std::function<void()> turnFunction)
     : turn(std::move(turnFunction)) {}
@@ -49,10 +56,15 @@ PeriodicThread::Clock::time_point PeriodicThread::nextDeadline(Clock::time_point
 void PeriodicThread::run(std::chrono::microseconds period) {
     Clock::time_point deadline = Clock::now() + period;
     for (;;) {
+        Heartbeat::beat();
         {
+            // Wakes at least once a second, so that a long period does not look hung.
             std::unique_lock<std::mutex> lock(mutex);
-            if (wake.wait_until(lock, deadline, [this] { return stopping; }))
+            const Clock::time_point wakeUp = std::min(deadline, Clock::now() + beatInterval);
+            if (wake.wait_until(lock, wakeUp, [this] { return stopping; }))
                 return;
+            if (Clock::now() < deadline)
+                continue;
         }
         turn();
         deadline = nextDeadline(deadline, Clock::now(), period);

@@ -1,6 +1,7 @@
 #include "Vtoip.h"
 
 #include "DecodedFrame.h"
+#include "Heartbeat.h"
 #include "Logger.h"
 #include "NetHelpers.h"
 #include "SPNNumeric.h"
@@ -198,6 +199,7 @@ std::string Vtoip::takeDocumentLocked() {
 void Vtoip::sendLoop() {
     std::unique_lock<std::mutex> lock(mutex);
     while (running) {
+        Heartbeat::beat();
         wake.wait_for(lock, std::chrono::seconds(1), [this] { return !running; });
         if (!running)
             break;

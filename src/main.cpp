@@ -6,6 +6,7 @@
 #include "Logger.h"
 #include "ModuleInventory.h"
 #include "MqttBroker.h"
+#include "ServiceManager.h"
 #include "TimeService.h"
 #include "Vtoip.h"
 
@@ -237,9 +238,13 @@ int main(int argc, char** argv) {
     // Cleared before the handler exists, so that no caught signal can be overwritten.
     caughtSignal = 0;
     signal(SIGINT, onSignal);
-    while (caughtSignal == 0)
-        pause();
+    // How init systems stop a daemon.
+    signal(SIGTERM, onSignal);
+    const ServiceManager manager;
+    manager.notify("READY=1");
+    manager.waitFor(caughtSignal);
 
+    manager.notify("STOPPING=1");
     LOG(2) << "Closing program...";
     FcgiHandler::stop();
     closelog();

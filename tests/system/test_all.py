@@ -8,6 +8,7 @@ import shutil
 import signal
 import socket
 import struct
+import threading
 import time
 from pathlib import Path
 
@@ -26,21 +27,67 @@ AVAHI = "DBG : avahi thread finished."
 RELEASE = ["DBG : fcgi thread finished.", AVAHI, "DBG : Vtoip thread finished.", AVAHI, AVAHI,
            AVAHI, AVAHI, AVAHI, AVAHI, "DBG : fmstoip thread finished.",
            "DBG : FmsXMLGenerator thread finished.", AVAHI, AVAHI]
+# The service manager's watchdog timeout: fed every quarter of it while no thread has stood
+# still for half of it.
+WATCHDOG = 8.0 * SLOW
+STALLED = (r"^WARN: Thread (fastcgi|fmstoip) \(\d+\) has made no progress for [\d.]+ s: "
+           r"watchdog not fed\.$")
+AGAIN = r"^NOTE: Thread (fastcgi|fmstoip) \(\d+\) makes progress again\.$"
+
+
+class ServiceManager:
+    """What a service manager hears on NOTIFY_SOCKET (an abstract socket, as "@name")."""
+
+    def __init__(self):
+        name = "tavro-test-notify-%d" % os.getpid()
+        self.address = "@" + name
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind("\0" + name)
+        self.sock.settimeout(0.1)
+        self.notices = []  # (monotonic time, text)
+        self._stop = False
+        self._thread = threading.Thread(target=self._loop, daemon=True)
+        self._thread.start()
+
+    def _loop(self):
+        while not self._stop:
+            try:
+                self.notices.append((time.monotonic(), self.sock.recv(4096).decode()))
+            except socket.timeout:
+                pass
+
+    def since(self, start):
+        return [text for when, text in list(self.notices) if when >= start]
+
+    def wait_for(self, text, start, timeout):
+        deadline = time.monotonic() + timeout
+        while text not in self.since(start):
+            assert time.monotonic() < deadline, "no %s since then: %r" % (text, self.since(start))
+            time.sleep(0.1)
+
+    def close(self):
+        self._stop = True
+        self._thread.join(2)
+        self.sock.close()
 
 
 @pytest.fixture(scope="module")
 def car(tmp_path_factory):
     sandbox = Sandbox(tmp_path_factory.mktemp("all"))
+    manager = ServiceManager()
     try:
-        vehicle = Vehicle(sandbox, "-vv", nmea_interval=0.25)
+        vehicle = Vehicle(sandbox, "-vv", nmea_interval=0.25, env={
+            "NOTIFY_SOCKET": manager.address, "WATCHDOG_USEC": str(int(WATCHDOG * 1e6))})
         vehicle.started = time.monotonic()
+        vehicle.manager = manager
         yield vehicle
     finally:
         sandbox.close()
+        manager.close()
 
 
-def announced():
-    out = run("avahi-browse", "-rptak", check=False)
+def announced(host=None):
+    out = (host.run if host else run)("avahi-browse", "-rptak", check=False)
     return {(r.name, r.type): r for r in map(parse_resolved, out.splitlines()) if r}
 
 
@@ -49,11 +96,15 @@ def fresh(car, root, part, timeout=10.0):
     return car.listeners[root].wait_for(1, timeout, lambda d: part in d)[0][1]
 
 
+def expected_announcements(car):
+    # Nine services: the FastCGI front end announces three.
+    return {(c["service_name"], "_%s._%s" % (c["service_type"], c["service_protocol"])):
+            int(c["service_port"]) for c in car.conf.values() if "service_name" in c}
+
+
 def serves_everything(car):
     assert car.tavro.running(), car.tavro.stderr
-    # Nine services: the FastCGI front end announces three.
-    expected = {(c["service_name"], "_%s._%s" % (c["service_type"], c["service_protocol"])):
-                int(c["service_port"]) for c in car.conf.values() if "service_name" in c}
+    expected = expected_announcements(car)
     deadline = time.monotonic() + 20 * SLOW
     while {k: r.port for k, r in announced().items()} != expected:
         assert time.monotonic() < deadline, "announced: %r" % announced()
@@ -77,6 +128,14 @@ def test_every_service_in_one_process(car):
     assert re.findall(r"^INFO: Starting (\w+) service\.$", car.tavro.stderr, re.M) == [
         "inventory", "fmstoip", "time", "gnss", "vtoip", "mqttbroker"]
     assert [line for line in car.tavro.lines() if line.startswith(("ERR", "WARN"))] == []
+
+
+def test_ready_once_and_watchdog_fed_while_healthy(car):
+    assert [text for _, text in car.manager.notices][0] == "READY=1"
+    start = time.monotonic()
+    time.sleep(WATCHDOG)
+    notices = car.manager.since(start)
+    assert notices.count("WATCHDOG=1") >= 3 and "READY=1" not in notices
 
 
 def test_frames_of_every_pdu_format_length_and_kind(car):
@@ -119,6 +178,35 @@ def test_counter_folder_read_only_and_writable_again(car):
     # The next change writes every count that memory holds.
     assert car.request("add", "0100")[0] == 200
     assert counter.read_text() == "0100=1\nF004=1\nFEF1=1\n"
+    serves_everything(car)
+
+
+def test_hung_thread_stops_the_watchdog_feeding(car):
+    """A counter write that never ends, as on a hung file system: a FIFO where the new file is
+    written holds the FastCGI thread, and through the request counts the FMStoIP worker."""
+    counter = car.conf["fmstoip.conf"]["pgn_counter_file"]
+    before = Path(counter).read_text()
+    os.mkfifo(counter + ".tmp")
+
+    def remove():
+        try:
+            car.request("remove", "0200")  # not requested: only the counts are written
+        except OSError:
+            pass  # the answer comes too late
+
+    threading.Thread(target=remove, daemon=True).start()
+    car.tavro.wait_for(STALLED, timeout=2 * WATCHDOG / SLOW)
+    start = time.monotonic()
+    time.sleep(WATCHDOG * 3 / 4)
+    assert "WATCHDOG=1" not in car.manager.since(start)
+    # A reader lets the write go on; syncing a FIFO fails, so the counter file stays as it was.
+    fifo = os.open(counter + ".tmp", os.O_RDONLY)
+    while os.read(fifo, 4096):
+        pass
+    os.close(fifo)
+    car.tavro.wait_for(AGAIN, timeout=WATCHDOG / SLOW)
+    car.manager.wait_for("WATCHDOG=1", time.monotonic(), WATCHDOG / 2)
+    assert Path(counter).read_text() == before and not os.path.exists(counter + ".tmp")
     serves_everything(car)
 
 
@@ -204,15 +292,32 @@ def test_avahi_daemon_killed_and_restarted(car):
     serves_everything(car)
 
 
-def test_runs_to_its_end_and_releases_the_services_in_order(car):
+def test_runs_to_its_end_and_stops_in_order_on_sigterm(car):
+    """As an init system stops it: the same orderly shutdown as SIGINT, with status 15."""
     while time.monotonic() < car.started + (LEAK_RUN_SECONDS if SANITIZED else 0):
         assert car.request("add", "F004")[0] == car.request("remove", "F004")[0] == 200
         assert car.request("get", "FEF1")[0] == 200
         time.sleep(0.5)
     serves_everything(car)
-    assert car.stop(30) == 2, car.tavro.stderr
+    counter = Path(car.conf["fmstoip.conf"]["pgn_counter_file"])
+    counts = counter.read_text()
+    # A second host at the far end of the wire (v1 moves there, its listeners hear no more).
+    remote = car.avahi.remote()
+    expected = set(expected_announcements(car))
+    deadline = time.monotonic() + 20 * SLOW
+    while set(announced(remote)) != expected:
+        assert time.monotonic() < deadline, "remote host sees: %r" % announced(remote)
+    car.tavro.send(signal.SIGTERM)
+    assert car.tavro.wait(30) == 15, car.tavro.stderr
+    car.nginx.stop()
+    assert "Caught signal 15\n" in car.tavro.stdout
     lines = car.tavro.lines()
     shutdown = lines[lines.index("NOTE: Closing program..."):]
     assert [line for line in shutdown if line.endswith("thread finished.")] == RELEASE
+    assert car.manager.since(0)[-1] == "STOPPING=1"
+    assert counter.read_text() == counts
+    deadline = time.monotonic() + 10 * SLOW
+    while set(announced(remote)) & expected:
+        assert time.monotonic() < deadline, "still announced: %r" % announced(remote)
     for sign in ("LeakSanitizer", "AddressSanitizer", "runtime error"):
         assert sign not in car.tavro.stderr

@@ -1,0 +1,79 @@
+"""cmake --install as package builds use it (a prefix, and DESTDIR staging), and the systemd
+units it installs."""
+
+import os
+import subprocess
+import sys
+from pathlib import Path
+
+from canbus_peer import BUILD_DIR
+from sandbox import SOURCE_DIR, run
+
+sys.path.insert(0, os.path.join(SOURCE_DIR, "demo"))
+from vehicle import CONF_FILES, read_conf  # noqa: E402
+
+ENTRIES = ("all", "inventory", "fmstoip", "time", "gnss", "vehicletoip", "mqtt")
+UNITS = ("tavro@.service", "tavro-all.service", "tavro@gnss.service.d/gpsd.conf")
+
+
+def configured_prefix():
+    for line in Path(BUILD_DIR, "CMakeCache.txt").read_text().splitlines():
+        if line.startswith("CMAKE_INSTALL_PREFIX:"):
+            return line.split("=", 1)[1]
+    raise AssertionError("no CMAKE_INSTALL_PREFIX in the build's cache")
+
+
+def named_files():
+    """The files of /etc/tavro that the example configuration names (mapping files)."""
+    names = set()
+    for conf in CONF_FILES:
+        for value in read_conf(os.path.join(SOURCE_DIR, "etc", conf)).values():
+            names.update(v[len("/etc/tavro/"):] for v in value.split(",")
+                         if v.startswith("/etc/tavro/"))
+    return names
+
+
+def install(prefix, destdir=None):
+    env = dict(os.environ)
+    env.pop("DESTDIR", None)
+    if destdir:
+        env["DESTDIR"] = destdir
+    run("cmake", "--install", BUILD_DIR, "--prefix", prefix, env=env)
+
+
+def test_staged_install_puts_everything_under_the_stage(tmp_path):
+    # The prefix of configure time, where links went before: anything written there shows.
+    configured = configured_prefix()
+    run("mount", "-t", "tmpfs", "tmpfs", configured)
+    try:
+        stage = tmp_path / "stage"
+        install("/usr", str(stage))
+        assert os.listdir(configured) == []
+    finally:
+        run("umount", configured)
+    installed = {str(p.relative_to(stage)) for p in stage.rglob("*") if not p.is_dir()}
+    # The manifest names the files as they will be on the device, without DESTDIR.
+    manifest = Path(BUILD_DIR, "install_manifest.txt").read_text().split()
+    assert sorted(installed) == sorted(os.path.relpath(p, "/") for p in manifest)
+    for entry in ENTRIES:
+        assert os.readlink(stage / "usr/bin" / ("tavro-" + entry)) == "tavro"
+    assert os.access(stage / "usr/bin/tavro", os.X_OK)
+    for unit in UNITS:
+        assert "usr/lib/systemd/system/" + unit in installed
+    assert "ExecStart=/usr/bin/tavro-%i -s" in (
+        stage / "usr/lib/systemd/system/tavro@.service").read_text()
+    for name in CONF_FILES + tuple(named_files()):
+        assert "usr/share/tavro/etc/" + name in installed, name
+    assert not [p for p in installed if p.startswith("etc/")]
+
+
+def test_systemd_accepts_the_units(tmp_path):
+    """Installed under a prefix alone, so that the programs the units start are there."""
+    prefix = tmp_path / "prefix"
+    install(str(prefix))
+    units = prefix / "lib/systemd/system"
+    names = ["tavro-all.service"] + ["tavro@%s.service" % e for e in ENTRIES if e != "all"]
+    res = subprocess.run(["systemd-analyze", "verify"] + [str(units / n) for n in names],
+                         capture_output=True, text=True)
+    assert (res.returncode, res.stdout, res.stderr) == (0, "", "")
+    assert "ExecStart=%s/bin/tavro-all -s" % prefix in (units / "tavro-all.service").read_text()
