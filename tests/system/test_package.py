@@ -51,10 +51,11 @@ def test_amd64_package_runs_every_service(sandbox):
     root = installed(sandbox, "amd64")
     car = Vehicle(sandbox, "-vv", root=root)
     assert car.request("add", "FEF1")[0] == 200
-    serves_everything(car)  # no "File not found!": the mapping files are where named
+    serves_everything(car)
     # Decoded with the installed FMS mapping (its SPN 595 is in no other mapping file).
     car.listeners["FMStoIPDelivery"].wait_for(
         1, 10, lambda d: b"<PGN>FEF1</PGN>" in d and b"Cruise control active" in d)
+    # Nor "File not found!": every file the configuration names is installed.
     assert [line for line in car.tavro.lines() if line.startswith(("ERR", "WARN"))] == []
     assert car.stop(30) == 2, car.tavro.stderr
 
