@@ -145,10 +145,7 @@ Fmstoip::~Fmstoip() {
             LOG(1) << "Error finishing fmstoip thread";
         }
     }
-    {
-        std::lock_guard<std::mutex> lock(requestsMutex);
-        writeCounts();
-    }
+    writeCounts(countsSnapshot());
     LOG(4) << "fmstoip thread finished.";
 }
 
@@ -237,13 +234,17 @@ void Fmstoip::deliver(std::stringstream& document) {
 
 void Fmstoip::addPgn(const std::string& pgn) {
     LOG(3) << "adding PGN: " << pgn;
+    writeCounts(countPgn(pgn));
+}
+
+Fmstoip::CountsSnapshot Fmstoip::countPgn(const std::string& pgn) {
     std::lock_guard<std::mutex> lock(requestsMutex);
     auto entry = requestCounts.find(pgn);
     if (entry == requestCounts.end() || entry->second == 0) {
         if (pgn.size() > maxRequestLength) {
             LOG(1) << "Request for a PGN text of " << pgn.size() << " bytes not counted (at most "
                    << maxRequestLength << ").";
-            return;
+            return CountsSnapshot();
         }
         const auto requested =
             std::count_if(requestCounts.begin(), requestCounts.end(),
@@ -251,24 +252,28 @@ void Fmstoip::addPgn(const std::string& pgn) {
         if (static_cast<size_t>(requested) >= maxRequestedPgns) {
             LOG(1) << "Request for PGN \"" << pgn << "\" not counted: " << maxRequestedPgns
                    << " PGNs are requested already.";
-            return;
+            return CountsSnapshot();
         }
         requestCounts[pgn] = 1;
     } else if (entry->second < maxRequests) {
         ++entry->second;
     }
-    writeCounts();
+    return countsSnapshotLocked();
 }
 
 void Fmstoip::removePgn(const std::string& pgn) {
     LOG(3) << "removing PGN: " << pgn;
+    writeCounts(uncountPgn(pgn));
+}
+
+Fmstoip::CountsSnapshot Fmstoip::uncountPgn(const std::string& pgn) {
     std::lock_guard<std::mutex> lock(requestsMutex);
     auto entry = requestCounts.find(pgn);
     // An entry at 0 is as good as none: dropping it keeps texts that clients added and
     // removed again from piling up (the worker makes its PGN's entry anew).
     if (entry != requestCounts.end() && entry->second > 0 && --entry->second == 0)
         requestCounts.erase(entry);
-    writeCounts();
+    return countsSnapshotLocked();
 }
 
 std::string Fmstoip::getPgnDocument(const std::string& pgn) {
@@ -294,13 +299,28 @@ void Fmstoip::loadCounts() {
     }
 }
 
-void Fmstoip::writeCounts() {
-    std::string content;
+Fmstoip::CountsSnapshot Fmstoip::countsSnapshot() {
+    std::lock_guard<std::mutex> lock(requestsMutex);
+    return countsSnapshotLocked();
+}
+
+Fmstoip::CountsSnapshot Fmstoip::countsSnapshotLocked() {
+    CountsSnapshot snapshot;
+    snapshot.generation = ++countsGeneration;
     for (const auto& entry : requestCounts) {
         if (entry.second != 0 && storableKey(entry.first))
-            content += entry.first + "=" + std::to_string(entry.second) + "\n";
+            snapshot.content += entry.first + "=" + std::to_string(entry.second) + "\n";
     }
-    if (!replaceFile(counterFile, content)) {
+    return snapshot;
+}
+
+void Fmstoip::writeCounts(const CountsSnapshot& snapshot) {
+    std::lock_guard<std::mutex> lock(fileMutex);
+    // A snapshot taken before the one written last would put older counts back.
+    if (snapshot.generation <= writtenGeneration)
+        return;
+    writtenGeneration = snapshot.generation;
+    if (!replaceFile(counterFile, snapshot.content)) {
         LOG(1) << "Cannot write to file: " << counterFile;
     }
 }

@@ -47,14 +47,30 @@ public:
 private:
     void run();
     void process(const DecodedFrame& frame);
+    // The counter file's content at one moment; generation orders the moments.
+    struct CountsSnapshot {
+        uint64_t generation = 0;
+        std::string content;
+    };
     void loadCounts();
+    // Change the counts under requestsMutex; the snapshot after the change, or one of
+    // generation 0 (nothing to write) when the request was refused.
+    CountsSnapshot countPgn(const std::string& pgn);
+    CountsSnapshot uncountPgn(const std::string& pgn);
+    CountsSnapshot countsSnapshot();
     // With requestsMutex held.
-    void writeCounts();
+    CountsSnapshot countsSnapshotLocked();
+    // Without requestsMutex: the worker and deliver never wait for the disk.
+    void writeCounts(const CountsSnapshot& snapshot);
 
     FrameQueue queue;
     std::mutex documentsMutex;
-    // The request counts and the writing of the counter file.
+    // The request counts.
     std::mutex requestsMutex;
+    uint64_t countsGeneration = 0; // of the last snapshot taken, under requestsMutex
+    // The writing of the counter file.
+    std::mutex fileMutex;
+    uint64_t writtenGeneration = 0; // under fileMutex
     bool immediate = true;
     std::thread worker;
     const std::string multicastAddress;
