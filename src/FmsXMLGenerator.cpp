@@ -43,7 +43,8 @@ private:
 };
 } // namespace
 
-FmsXMLGenerator::FmsXMLGenerator() : thread([this] { deliverCollected(); }) {
+FmsXMLGenerator::FmsXMLGenerator(bool onlySingle)
+    : singleOnly(onlySingle), thread([this] { deliverCollected(); }) {
     fmstoip = appendRoot(collected, fmsVersion);
     singleFmstoip = appendRoot(single, fmsVersion);
 
@@ -64,7 +65,9 @@ FmsXMLGenerator::~FmsXMLGenerator() {
         hook = nullptr;
     }
     thread.stop();
-    LOG(4) << "FmsXMLGenerator thread finished.";
+    if (!singleOnly) {
+        LOG(4) << "FmsXMLGenerator thread finished.";
+    }
 }
 
 void FmsXMLGenerator::setHook(XMLHook* receiver) {
@@ -73,7 +76,7 @@ void FmsXMLGenerator::setHook(XMLHook* receiver) {
 }
 
 void FmsXMLGenerator::start(uint32_t periodMs) {
-    if (periodMs == 0)
+    if (periodMs == 0 || singleOnly)
         return;
     if (!thread.start(std::chrono::microseconds(uint64_t(periodMs) * 1000))) {
         LOG(1) << "Error creating fms XML thread.";

@@ -16,7 +16,9 @@
 // document thread hands the collected frames to the hook once per period.
 class FmsXMLGenerator {
 public:
-    FmsXMLGenerator();
+    // singleOnly: a generator for single-frame documents only, never started, that says
+    // nothing when it goes.
+    explicit FmsXMLGenerator(bool singleOnly = false);
     virtual ~FmsXMLGenerator();
     FmsXMLGenerator(const FmsXMLGenerator&) = delete;
     FmsXMLGenerator& operator=(const FmsXMLGenerator&) = delete;
@@ -52,6 +54,7 @@ public:
     void deliverCollected();
 
 private:
+    const bool singleOnly;
     uint32_t frameCount = 0;
     std::string fmsVersion = "0000";
     pugi::xml_document collected;

@@ -145,7 +145,7 @@ Fmstoip::Fmstoip(const Configuration& configuration)
       counterFile(configuration.getString("pgn_counter_file")),
       sender(multicastAddress, servicePort, networkInterface,
              static_cast<uint8_t>(atoi(configuration.getString("multicast_ttl").c_str()))),
-      pgnCounts(new std::atomic<uint16_t>[0x10000]()) {
+      pgnCounts(new std::atomic<uint16_t>[0x10000]()), fetcher(true) {
     publisher.addTxt("multicast=" + multicastAddress);
     publisher.start();
 
