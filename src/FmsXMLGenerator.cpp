@@ -1,6 +1,9 @@
 #include "FmsXMLGenerator.h"
 
 #include "Logger.h"
+#include "SPNNumeric.h"
+#include "SPNStatus.h"
+#include "SPNString.h"
 
 #include <cstdio>
 #include <sstream>
@@ -27,6 +30,26 @@ pugi::xml_node appendRoot(pugi::xml_document& document, const std::string& versi
     pugi::xml_node fms = root.append_child("FMStoIP");
     fms.append_attribute("FMSVersion") = version.c_str();
     return fms;
+}
+
+// Text that pugixml writes as it is (also empty: "<Value></Value>").
+bool plain(const std::string& text) {
+    for (char c : text) {
+        if (c < 0x20 || c > 0x7E || c == '&' || c == '<' || c == '>' || c == '"' || c == '\'')
+            return false;
+    }
+    return true;
+}
+
+void element(std::string& text, const char* indent, const char* name, const std::string& value) {
+    text += indent;
+    text += '<';
+    text += name;
+    text += '>';
+    text += value;
+    text += "</";
+    text += name;
+    text += ">\n";
 }
 
 // Saves straight into a string: a stringstream costs more to set up than a small document
@@ -159,6 +182,57 @@ std::string FmsXMLGenerator::frameDocument() const {
     StringWriter writer(text);
     single.save(writer, "\t", pugi::format_indent, pugi::encoding_auto);
     return text;
+}
+
+bool FmsXMLGenerator::plainFrameDocument(std::string& text, const std::string& pgn,
+                                         const std::string& data, uint64_t time,
+                                         const std::vector<SPN*>& spns) const {
+    if (!plain(fmsVersion) || !plain(pgn) || !plain(data))
+        return false;
+    std::string document;
+    document.reserve(1024);
+    document += "<?xml version=\"1.0\"?>\n<FMStoIPDelivery version=\"1.1a\">\n\t<FMStoIP "
+                "FMSVersion=\"";
+    document += fmsVersion;
+    document += "\">\n\t\t<Frame Status=\"OK\">\n";
+    element(document, "\t\t\t", "PGN", pgn);
+    element(document, "\t\t\t", "Data", data);
+    element(document, "\t\t\t", "RelativeTime",
+            std::to_string(static_cast<unsigned long long>(time)));
+    for (const SPN* spn : spns) {
+        const std::string name = spn->getName();
+        std::string unit;
+        std::string value;
+        switch (spn->getType()) {
+        case SPN::Numeric: {
+            const SPNNumeric* numeric = static_cast<const SPNNumeric*>(spn);
+            unit = numeric->getUnit();
+            char number[64];
+            snprintf(number, sizeof number, "%.3f", numeric->getValue());
+            value = number;
+            break;
+        }
+        case SPN::Status:
+            value = static_cast<const SPNStatus*>(spn)->getDescription();
+            break;
+        case SPN::String:
+            value = static_cast<const SPNString*>(spn)->getValue();
+            break;
+        }
+        if (!plain(name) || !plain(value) || !plain(unit))
+            return false;
+        document += "\t\t\t<SPN id=\"";
+        document += std::to_string(spn->getNumber());
+        document += "\">\n";
+        element(document, "\t\t\t\t", "Name", name);
+        if (!unit.empty())
+            element(document, "\t\t\t\t", "Unit", unit);
+        element(document, "\t\t\t\t", "Value", value);
+        document += "\t\t\t</SPN>\n";
+    }
+    document += "\t\t</Frame>\n\t</FMStoIP>\n</FMStoIPDelivery>\n";
+    text.swap(document);
+    return true;
 }
 
 void FmsXMLGenerator::deliverCollected() {

@@ -2,6 +2,7 @@
 #define TAVRO_FMSXMLGENERATOR_H
 
 #include "PeriodicThread.h"
+#include "SPN.h"
 #include "XMLHook.h"
 
 #include <pugixml.hpp>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 // Builds FMStoIPDelivery documents. The FMStoIP worker fills a frame template and an SPN
 // template through the setters; commitFrame collects the frame for periodic delivery, and
@@ -48,6 +50,12 @@ public:
     void clearSpns();
     // The frame template alone in a document, tab-indented.
     std::string frameDocument() const;
+    // The document that frameDocument gives once these values are set, written straight as
+    // text, skipping the template: the path of every delivered frame. False, text unchanged,
+    // when a text holds a character that XML escapes or that is not printable ASCII; the
+    // setters take those.
+    bool plainFrameDocument(std::string& text, const std::string& pgn, const std::string& data,
+                            uint64_t time, const std::vector<SPN*>& spns) const;
 
     // One period's work of the document thread: hands the collected frames, if any, to the
     // hook and empties the collected document.

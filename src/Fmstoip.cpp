@@ -298,11 +298,21 @@ void Fmstoip::process(const DecodedFrame& frame) {
     if (pgnCounts[pgn].load(std::memory_order_relaxed) == 0)
         return;
     const std::string pgnText = pgnTextOf(pgn);
+    if (immediate) {
+        std::string document;
+        if (!generator.plainFrameDocument(
+                document, pgnText,
+                toHex(frame.getData(), static_cast<int32_t>(frame.getDataLength())),
+                frame.getTimestamp(), frame.spns())) {
+            fillFrame(generator, frame, pgnText);
+            document = generator.frameDocument();
+            generator.clearSpns();
+        }
+        sender.send(document, pgnText);
+        return;
+    }
     fillFrame(generator, frame, pgnText);
-    if (immediate)
-        sender.send(generator.frameDocument(), pgnText);
-    else
-        generator.commitFrame();
+    generator.commitFrame();
     generator.clearSpns();
 }
 
@@ -402,11 +412,17 @@ std::string Fmstoip::getPgnDocument(const std::string& pgn) {
         }
         version.assign(slot->version, slot->versionLength);
     }
+    const DecodedFrame& kept = whole ? *whole : frame;
     std::lock_guard<std::mutex> lock(fetchMutex);
     fetcher.setFmsVersion(version);
-    fillFrame(fetcher, whole ? *whole : frame, pgn);
-    std::string document = fetcher.frameDocument();
-    fetcher.clearSpns();
+    std::string document;
+    if (!fetcher.plainFrameDocument(
+            document, pgn, toHex(kept.getData(), static_cast<int32_t>(kept.getDataLength())),
+            kept.getTimestamp(), kept.spns())) {
+        fillFrame(fetcher, kept, pgn);
+        document = fetcher.frameDocument();
+        fetcher.clearSpns();
+    }
     return document;
 }
 

@@ -1,6 +1,11 @@
 #include "Fmstoip.h"
 
 #include "CanTestSupport.h"
+#include "JsonCanDecoder.h"
+#include "NetHelpers.h"
+#include "SPNNumeric.h"
+#include "SPNStatus.h"
+#include "SPNString.h"
 #include "TestSupport.h"
 
 #include <arpa/inet.h>
@@ -181,4 +186,59 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
         stalled.push(frame(0xFEF1, i));
     EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\nWARN: Dropped can frame!\n");
     EXPECT_EQ(stalled.pop()->getTimestamp(), 4u);
+}
+
+// The text written straight for delivered and fetched frames is the template's, byte for byte;
+// texts that XML would escape are left to the template.
+TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
+    JsonCanDecoder decoder(testData("fms_mapping.json"));
+    struct Case {
+        can_frame frame;
+        std::string version;
+        bool plain;
+    };
+    const std::vector<Case> cases = {
+        // Units, numbers, status texts, one of them empty.
+        {canFrame(0x18FEF100, {0x04, 0x80, 0x14}), "0402", true},
+        {canFrame(0x18F00400, {0xF0, 0x7D}), "0000", true},
+        {canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*'}), "", true},
+        {canFrame(0x18FE6B00, {'A', '&', 'C', '*', 'x', '*'}), "04", false},
+        {canFrame(0x18FE6B00, {'A', '<', '*', 'x', '*'}), "04", false},
+        {canFrame(0x18FEF100, {0x04}), std::string("0\x01", 2), false},
+        {canFrame(0x18FEF100, {0x00}), "0\"", false},
+        {canFrame(0x18FFFF00, {0x01}), "\xC3\xA4", false},
+    };
+    for (const Case& c : cases) {
+        std::unique_ptr<DecodedFrame> frame(decode(decoder, c.frame));
+        ASSERT_TRUE(frame);
+        frame->setTimestamp(1700000000123);
+        FmsXMLGenerator generator(true);
+        generator.setFmsVersion(c.version);
+        const std::string data = toHex(frame->getData(), 8);
+        const std::string pgn = toHex(
+            std::vector<uint8_t>{uint8_t(frame->getPgn() >> 8), uint8_t(frame->getPgn())}.data(),
+            2);
+        std::string plain = "untouched";
+        EXPECT_EQ(generator.plainFrameDocument(plain, pgn, data, 1700000000123, frame->spns()),
+                  c.plain)
+            << pgn;
+        generator.setFramePgn(pgn);
+        generator.setFrameStatus("OK");
+        generator.setFrameData(data);
+        generator.setRelativeTime(1700000000123);
+        for (const SPN* spn : frame->spns()) {
+            generator.setSpnId(spn->getNumber());
+            generator.setSpnName(spn->getName());
+            if (spn->getType() == SPN::Numeric) {
+                generator.setSpnUnit(static_cast<const SPNNumeric*>(spn)->getUnit());
+                generator.setSpnValue(static_cast<const SPNNumeric*>(spn)->getValue());
+            } else if (spn->getType() == SPN::Status) {
+                generator.setSpnValue(static_cast<const SPNStatus*>(spn)->getDescription());
+            } else {
+                generator.setSpnValue(static_cast<const SPNString*>(spn)->getValue());
+            }
+            generator.commitSpn();
+        }
+        EXPECT_EQ(plain, c.plain ? generator.frameDocument() : "untouched") << pgn;
+    }
 }
