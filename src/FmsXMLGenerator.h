@@ -54,8 +54,8 @@ public:
     // text, skipping the template: the path of every delivered frame. False, text unchanged,
     // when a text holds a character that XML escapes or that is not printable ASCII; the
     // setters take those.
-    bool plainFrameDocument(std::string& text, const std::string& pgn, const std::string& data,
-                            uint64_t time, const std::vector<SPN*>& spns) const;
+    bool plainFrameDocument(std::string& text, const std::string& pgn, const uint8_t* data,
+                            uint32_t length, uint64_t time, const std::vector<SPN*>& spns) const;
 
     // One period's work of the document thread: hands the collected frames, if any, to the
     // hook and empties the collected document.

@@ -300,10 +300,8 @@ void Fmstoip::process(const DecodedFrame& frame) {
     const std::string pgnText = pgnTextOf(pgn);
     if (immediate) {
         std::string document;
-        if (!generator.plainFrameDocument(
-                document, pgnText,
-                toHex(frame.getData(), static_cast<int32_t>(frame.getDataLength())),
-                frame.getTimestamp(), frame.spns())) {
+        if (!generator.plainFrameDocument(document, pgnText, frame.getData(), frame.getDataLength(),
+                                          frame.getTimestamp(), frame.spns())) {
             fillFrame(generator, frame, pgnText);
             document = generator.frameDocument();
             generator.clearSpns();
@@ -416,9 +414,8 @@ std::string Fmstoip::getPgnDocument(const std::string& pgn) {
     std::lock_guard<std::mutex> lock(fetchMutex);
     fetcher.setFmsVersion(version);
     std::string document;
-    if (!fetcher.plainFrameDocument(
-            document, pgn, toHex(kept.getData(), static_cast<int32_t>(kept.getDataLength())),
-            kept.getTimestamp(), kept.spns())) {
+    if (!fetcher.plainFrameDocument(document, pgn, kept.getData(), kept.getDataLength(),
+                                    kept.getTimestamp(), kept.spns())) {
         fillFrame(fetcher, kept, pgn);
         document = fetcher.frameDocument();
         fetcher.clearSpns();

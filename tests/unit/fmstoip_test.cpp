@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -208,8 +209,31 @@ TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
         {canFrame(0x18FEF100, {0x00}), "0\"", false},
         {canFrame(0x18FFFF00, {0x01}), "\xC3\xA4", false},
     };
-    for (const Case& c : cases) {
-        std::unique_ptr<DecodedFrame> frame(decode(decoder, c.frame));
+    // Numbers as "%.3f" writes them: halves, signs, beyond 2^40, not numbers, and the fields
+    // of common gains and offsets.
+    std::unique_ptr<DecodedFrame> numbers(new DecodedFrame);
+    numbers->setPgn(0xFFFF);
+    std::vector<double> values = {0.0,      -0.0,      0.1,    0.0005,      0.0015, -0.0005,
+                                  -0.0001,  1.0 / 3,   2.0e12, -1.0e15,     1e300,  NAN,
+                                  INFINITY, -INFINITY, 0.0625, 1234567.8905};
+    uint32_t seed = 1;
+    for (double gain : {0.125, 0.4, 0.05, 0.00390625, 0.03125, 0.5, 1.0 / 3}) {
+        for (double offset : {0.0, -40.0, -273.0, -125.0}) {
+            for (int i = 0; i < 40; ++i) {
+                seed = seed * 1103515245 + 12345;
+                values.push_back((seed >> 8) % 70000 * gain + offset);
+            }
+        }
+    }
+    for (double value : values)
+        numbers->addSpn(new SPNNumeric(value, " u"));
+    std::vector<std::unique_ptr<DecodedFrame>> frames;
+    for (const Case& c : cases)
+        frames.emplace_back(decode(decoder, c.frame));
+    frames.push_back(std::move(numbers));
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const Case& c = i < cases.size() ? cases[i] : Case{can_frame(), "0000", true};
+        const std::unique_ptr<DecodedFrame>& frame = frames[i];
         ASSERT_TRUE(frame);
         frame->setTimestamp(1700000000123);
         FmsXMLGenerator generator(true);
@@ -219,7 +243,8 @@ TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
             std::vector<uint8_t>{uint8_t(frame->getPgn() >> 8), uint8_t(frame->getPgn())}.data(),
             2);
         std::string plain = "untouched";
-        EXPECT_EQ(generator.plainFrameDocument(plain, pgn, data, 1700000000123, frame->spns()),
+        EXPECT_EQ(generator.plainFrameDocument(plain, pgn, frame->getData(), 8, 1700000000123,
+                                               frame->spns()),
                   c.plain)
             << pgn;
         generator.setFramePgn(pgn);
