@@ -36,9 +36,18 @@ pugi::xml_node appendRoot(pugi::xml_document& document, const std::string& versi
 }
 
 // Text that pugixml writes as it is (also empty: "<Value></Value>").
+struct PlainCharacters {
+    PlainCharacters() {
+        for (int c = 0x20; c <= 0x7E; ++c)
+            table[c] = c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+    }
+    bool table[256] = {};
+};
+
 bool plain(const std::string& text) {
+    static const PlainCharacters characters;
     for (char c : text) {
-        if (c < 0x20 || c > 0x7E || c == '&' || c == '<' || c == '>' || c == '"' || c == '\'')
+        if (!characters.table[static_cast<unsigned char>(c)])
             return false;
     }
     return true;
