@@ -137,6 +137,35 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(std::count(counts.begin(), counts.end(), '\n'), 1024);
 }
 
+// PGNGet gives what immediate mode sent for the same frame. Frames that 8 bytes do not
+// describe are kept whole up to a bound, beyond which the least recently seen of a PGN not
+// requested goes.
+TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
+    auto service = start("period_ms=0\n");
+    service->addPgn("FEF1");
+    DecodedFrame requested = frame(0xFEF1, 5, {0x01, 0x02});
+    service->handleFrame(&requested);
+    EXPECT_EQ(next(), service->getPgnDocument("FEF1"));
+    EXPECT_EQ(service->getPgnDocument("FEF2"), "");
+
+    const uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    DecodedFrame long1;
+    long1.setData(bytes, 9);
+    long1.setPgn(0xFEF1);
+    long1.setTimestamp(1);
+    service->handleFrame(&long1);
+    EXPECT_NE(next(), "");
+    for (uint16_t i = 0; i < Fmstoip::maxWholeFrames; ++i) {
+        long1.setPgn(0x1000 + i);
+        long1.setTimestamp(100 + i);
+        service->handleFrame(&long1);
+    }
+    EXPECT_EQ(service->getPgnDocument("1000"), "");
+    EXPECT_NE(service->getPgnDocument("1001").find("<Data>010203040506070809</Data>"),
+              std::string::npos);
+    EXPECT_NE(service->getPgnDocument("FEF1").find("<RelativeTime>1<"), std::string::npos);
+}
+
 TEST(FrameQueue, OverloadDropsTheOldestFrame) {
     FrameQueue queue;
     VerbosityScope warnings(1);
