@@ -44,14 +44,18 @@ COUNTER_DIR = "/var/lib/tavro"
 
 
 def on_cpu_ns(pid):
-    total = 0
+    """{thread name: ns on a CPU} of the process's threads."""
+    threads = {}
     for tid in os.listdir("/proc/%d/task" % pid):
         try:
             with open("/proc/%d/task/%s/schedstat" % (pid, tid)) as f:
-                total += int(f.read().split()[0])
+                spent = int(f.read().split()[0])
+            with open("/proc/%d/task/%s/comm" % (pid, tid)) as f:
+                name = f.read().strip()
         except OSError:
-            pass
-    return total
+            continue
+        threads[name] = threads.get(name, 0) + spent
+    return threads
 
 
 def pgns_of(log):
@@ -149,8 +153,9 @@ def load_run(args, build, mapping):
                 p.interrupt()
                 p.wait(timeout=20)
                 dropped += len(re.findall(r"Dropped can frame!", p.stderr))
-        return {name: (after[name] - before[name]) / 1000.0 / sent for name in programs}, \
-            sent, counts, dropped, os.path.basename(log)
+        cpu = {name: {thread: (spent - before[name].get(thread, 0)) / 1000.0 / sent
+                      for thread, spent in after[name].items()} for name in programs}
+        return cpu, sent, counts, dropped, os.path.basename(log)
     finally:
         for s in sinks:
             s.close()
@@ -215,9 +220,15 @@ def main():
     bases = {"bare receiver": None, "bare receive-and-send": None,
              "tavro-fmstoip, no PGN requested": "bare receiver",
              "tavro-fmstoip, every PGN requested": "bare receive-and-send"}
+    total = {name: sum(threads.values()) for name, threads in cpu.items()}
     for name, base in bases.items():
-        print("| %s | %.2f µs | %s |" % (name, cpu[name], "%.2f x the %s" % (
-            cpu[name] / cpu[base], base) if base else "-"))
+        print("| %s | %.2f µs | %s |" % (name, total[name], "%.2f x the %s" % (
+            total[name] / total[base], base) if base else "-"))
+    for name in bases:
+        if name.startswith("tavro"):
+            print("| of it, %s | %s | |" % (name.split(", ")[1], ", ".join(
+                "%s %.2f µs" % (thread, spent) for thread, spent in sorted(
+                    cpu[name].items(), key=lambda t: -t[1]) if spent >= 0.01)))
     print()
     print("frames read by the bare programs: %s; \"Dropped can frame!\" lines: %d" % (
         ", ".join("%d" % c for c in counts.values()), dropped))
