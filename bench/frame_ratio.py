@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """CPU per frame of tavro-fmstoip beside the least that reading the bus costs, in one run.
 
-    bench/frame_ratio.py [--rate 20000] [--seconds 10] [--log CANDUMP] [--callgrind-frames 20000]
-                         [--no-callgrind]
+    bench/frame_ratio.py [--rate 20000] [--seconds 10] [--repeat 1] [--log CANDUMP]
+                         [--callgrind-frames 20000] [--no-callgrind]
 
 In a throw-away namespace (scripts/sandbox/sandboxed) one virtual CAN bus is played by
 tavro-canplayer at RATE frames/s for SECONDS, and four programs read it at the same time, each
@@ -18,7 +18,8 @@ threads of each process (/proc/PID/task/*/schedstat) while the player runs. The 
 bus mix of load_bench.py unless --log names a candump file; the mapping is the shared J1939
 file (tests/data/fms_mapping.json without it). Then callgrind counts bench/frame_cost's
 instructions per frame, unrequested and delivered (difference of two frame counts, so start-up
-and the mapping's loading drop out). Needs the plain build with its bench programs
+and the mapping's loading drop out). With --repeat the side-by-side run is done that many
+times, each reported, then the median of each ratio. Needs the plain build with its bench programs
 (TAVRO_BUILD_DIR, default build/plain) and valgrind.
 """
 
@@ -197,6 +198,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--rate", type=int, default=20000, help="frames/s on the bus")
     parser.add_argument("--seconds", type=int, default=10)
+    parser.add_argument("--repeat", type=int, default=1, help="side-by-side runs")
     parser.add_argument("--log", help="candump log to play (default: the city bus mix)")
     parser.add_argument("--callgrind-frames", type=int, default=20000)
     parser.add_argument("--no-callgrind", action="store_true")
@@ -210,28 +212,38 @@ def main():
     if not os.path.exists(mapping):
         mapping = load_bench.TEST_MAPPING
 
-    load = open("/proc/loadavg").read().split()[0]
-    cpu, sent, counts, dropped, log = load_run(args, build, mapping)
-    print("%d frames of %s at %d frames/s, mapping %s; 1-min load %s before the run" % (
-        sent, log, args.rate, os.path.basename(mapping), load))
-    print()
-    print("| program | CPU per frame | ratio |")
-    print("|---|---|---|")
     bases = {"bare receiver": None, "bare receive-and-send": None,
              "tavro-fmstoip, no PGN requested": "bare receiver",
              "tavro-fmstoip, every PGN requested": "bare receive-and-send"}
-    total = {name: sum(threads.values()) for name, threads in cpu.items()}
-    for name, base in bases.items():
-        print("| %s | %.2f µs | %s |" % (name, total[name], "%.2f x the %s" % (
-            total[name] / total[base], base) if base else "-"))
-    for name in bases:
-        if name.startswith("tavro"):
-            print("| of it, %s | %s | |" % (name.split(", ")[1], ", ".join(
-                "%s %.2f µs" % (thread, spent) for thread, spent in sorted(
-                    cpu[name].items(), key=lambda t: -t[1]) if spent >= 0.01)))
-    print()
-    print("frames read by the bare programs: %s; \"Dropped can frame!\" lines: %d" % (
-        ", ".join("%d" % c for c in counts.values()), dropped))
+    ratios = {name: [] for name, base in bases.items() if base}
+    for _ in range(args.repeat):
+        load = open("/proc/loadavg").read().split()[0]
+        cpu, sent, counts, dropped, log = load_run(args, build, mapping)
+        print("%d frames of %s at %d frames/s, mapping %s; 1-min load %s before the run" % (
+            sent, log, args.rate, os.path.basename(mapping), load))
+        print()
+        print("| program | CPU per frame | ratio |")
+        print("|---|---|---|")
+        total = {name: sum(threads.values()) for name, threads in cpu.items()}
+        for name, base in bases.items():
+            if base:
+                ratios[name].append(total[name] / total[base])
+            print("| %s | %.2f µs | %s |" % (name, total[name], "%.2f x the %s" % (
+                total[name] / total[base], base) if base else "-"))
+        for name in bases:
+            if name.startswith("tavro"):
+                print("| of it, %s | %s | |" % (name.split(", ")[1], ", ".join(
+                    "%s %.2f µs" % (thread, spent) for thread, spent in sorted(
+                        cpu[name].items(), key=lambda t: -t[1]) if spent >= 0.01)))
+        print()
+        print("frames read by the bare programs: %s; \"Dropped can frame!\" lines: %d" % (
+            ", ".join("%d" % c for c in counts.values()), dropped))
+        print()
+    if args.repeat > 1:
+        for name, values in ratios.items():
+            print("%s: median %.2f x the %s (runs: %s)" % (
+                name, sorted(values)[len(values) // 2], bases[name],
+                ", ".join("%.2f" % v for v in values)))
     if not args.no_callgrind:
         instructions = callgrind_run(args, build, mapping)
         print("callgrind, bench/frame_cost, %d frames: %.0f instructions per unrequested "
