@@ -180,6 +180,7 @@ Fmstoip::Fmstoip(const Configuration& configuration)
         generator.start(static_cast<uint32_t>(period));
 
     loadCounts();
+    countsLoaded = true;
 
     if (failures != 0) {
         LOG(0) << "Somthing went wrong in the CanHandler initialisation. FMStoIP will be disabled.";
@@ -220,7 +221,9 @@ void Fmstoip::handleFrame(DecodedFrame* frame) {
         std::lock_guard<std::mutex> lock(documentsMutex);
         remember(*frame, whole, released);
     }
-    if (pgn == fmsVersionPgn || pgnCounts[pgn].load(std::memory_order_relaxed) != 0)
+    // Until the counts are loaded the worker decides, as it reads them later.
+    if (pgn == fmsVersionPgn || pgnCounts[pgn].load(std::memory_order_relaxed) != 0 ||
+        !countsLoaded.load(std::memory_order_acquire))
         queue.push(*frame);
 }
 

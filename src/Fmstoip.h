@@ -125,6 +125,7 @@ private:
     std::set<uint16_t> requestedPgns;
     std::map<std::string, uint16_t> otherCounts;
     std::atomic<size_t> requestedTexts{0}; // with a count above 0
+    std::atomic<bool> countsLoaded{false}; // from the counter file, at start
     // Builds the documents that PGNGet asks for, under fetchMutex.
     std::mutex fetchMutex;
     FmsXMLGenerator fetcher;
