@@ -10,7 +10,8 @@
 
 // One CAN frame or reassembled transport message with its decoded signal values. Owns its
 // SPNs; copies are deep. The SPNs of a single frame may be left to be decoded from its 8 data
-// bytes when first asked for (setRules): most frames are never looked at.
+// bytes when first asked for (setRules): most frames are never looked at. Asking is a change,
+// so a frame that threads share has its SPNs asked for before.
 class DecodedFrame {
 public:
     static constexpr uint32_t maxData = 256;

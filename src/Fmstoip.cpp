@@ -215,8 +215,11 @@ void Fmstoip::handleFrame(DecodedFrame* frame) {
     // Made outside the lock, and freed outside it.
     std::shared_ptr<const DecodedFrame> whole;
     std::shared_ptr<const DecodedFrame> released;
-    if (frame->getDataLength() > 8 || (frame->getRules() == nullptr && !frame->withoutSpns()))
+    if (frame->getDataLength() > 8 || (frame->getRules() == nullptr && !frame->withoutSpns())) {
+        // Decoded before it is shared, so that no reader of the copy decodes.
+        frame->spns();
         whole = std::make_shared<const DecodedFrame>(*frame);
+    }
     {
         std::lock_guard<std::mutex> lock(documentsMutex);
         remember(*frame, whole, released);
