@@ -71,8 +71,7 @@ private:
 };
 
 // Replaces the content of path so that a reader, also after a crash or power cut, finds either
-// the old or the new content in full: writes path + ".tmp", flushes it to disk, renames it over
-// path and flushes the folder. False, path untouched, when that fails.
+// the old or the new content in full (AtomicFile). False when that fails.
 bool replaceFile(const std::string& path, const std::string& content);
 
 #endif

@@ -1,6 +1,7 @@
 #include "Gnss.h"
 
 #include "Logger.h"
+#include "XmlText.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -160,7 +161,8 @@ std::unique_ptr<Json::CharReader> newGpsdReader() {
 void handleGpsdLine(const std::string& line, Json::CharReader& reader,
                     GnssXMLGenerator& generator) {
     if (!line.empty() && line[0] == '$') {
-        generator.appendNmea(line);
+        // The only gpsd text that goes into the document as it comes.
+        generator.appendNmea(XmlText::clean(line));
         return;
     }
     Json::Value report;

@@ -4,6 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 int verbosity = 2;
 bool useSyslog = false;
@@ -11,25 +16,61 @@ bool useSyslog = false;
 namespace {
 const char* const levelNames[5] = {"ERR ", "WARN", "NOTE", "INFO", "DBG "};
 const int syslogPriorities[5] = {LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_DEBUG};
+// Distinct lines tracked at once; lines beyond are printed untracked, so texts that carry
+// changing values cannot make the table grow.
+constexpr size_t maxTrackedLines = 64;
+
+using Clock = std::chrono::steady_clock;
+
+struct Repeat {
+    Clock::time_point since;
+    unsigned long count;
+};
+
+// Lines are keyed by their whole text, level name included.
+struct RepeatTable {
+    std::mutex mutex;
+    std::chrono::milliseconds window{10000};
+    std::unordered_map<std::string, std::pair<int, Repeat>> lines;
+};
+
+RepeatTable& repeatTable() {
+    // Never destroyed: threads may still log while static objects go away at exit.
+    static RepeatTable* table = new RepeatTable;
+    return *table;
+}
 
 int clampLevel(int level) {
     if (level > 4)
         return 4;
     return level < 0 ? 0 : level;
 }
-} // namespace
 
-const char* LogLine::levelName(int level) {
-    return levelNames[clampLevel(level)];
+std::string summary(const std::string& line, unsigned long count,
+                    std::chrono::milliseconds window) {
+    // line is "LEVL: message\n".
+    std::string text = line.substr(0, 6) + "Repeated " + std::to_string(count) + " times in " +
+                       std::to_string((window.count() + 999) / 1000) + " s: " + line.substr(6);
+    return text;
 }
 
-LogLine::LogLine(int requested) : level(clampLevel(requested)) {
-    text << levelNames[level] << ": ";
+// Summaries of every window that is over (all of them when flushing); the caller prints them.
+void takeEnded(RepeatTable& table, Clock::time_point now, bool all,
+               std::vector<std::pair<int, std::string>>& out) {
+    for (auto entry = table.lines.begin(); entry != table.lines.end();) {
+        const Repeat& repeat = entry->second.second;
+        if (!all && now - repeat.since < table.window) {
+            ++entry;
+            continue;
+        }
+        if (repeat.count > 0)
+            out.emplace_back(entry->second.first,
+                             summary(entry->first, repeat.count, table.window));
+        entry = table.lines.erase(entry);
+    }
 }
 
-LogLine::~LogLine() {
-    text << '\n';
-    const std::string line = text.str();
+void emit(int level, const std::string& line) {
     if (useSyslog) {
         syslog(syslogPriorities[level], "%s", line.c_str());
         return;
@@ -47,4 +88,56 @@ LogLine::~LogLine() {
         p += n;
         left -= static_cast<size_t>(n);
     }
+}
+} // namespace
+
+const char* LogLine::levelName(int level) {
+    return levelNames[clampLevel(level)];
+}
+
+std::chrono::milliseconds LogLine::setRepeatWindow(std::chrono::milliseconds window) {
+    flushRepeats();
+    RepeatTable& table = repeatTable();
+    std::lock_guard<std::mutex> lock(table.mutex);
+    const std::chrono::milliseconds previous = table.window;
+    table.window = window;
+    return previous;
+}
+
+void LogLine::flushRepeats() {
+    std::vector<std::pair<int, std::string>> out;
+    RepeatTable& table = repeatTable();
+    {
+        std::lock_guard<std::mutex> lock(table.mutex);
+        takeEnded(table, Clock::now(), true, out);
+    }
+    for (const auto& line : out)
+        emit(line.first, line.second);
+}
+
+LogLine::LogLine(int requested) : level(clampLevel(requested)) {
+    text << levelNames[level] << ": ";
+}
+
+LogLine::~LogLine() {
+    text << '\n';
+    std::string line = text.str();
+    std::vector<std::pair<int, std::string>> out;
+    RepeatTable& table = repeatTable();
+    {
+        // Only the decision is made under the lock; a slow syslog holds up no other thread.
+        std::lock_guard<std::mutex> lock(table.mutex);
+        const Clock::time_point now = Clock::now();
+        takeEnded(table, now, false, out);
+        auto seen = table.lines.find(line);
+        if (seen != table.lines.end()) {
+            ++seen->second.second.count;
+        } else {
+            if (table.window.count() > 0 && table.lines.size() < maxTrackedLines)
+                table.lines.emplace(line, std::make_pair(level, Repeat{now, 0}));
+            out.emplace_back(level, std::move(line));
+        }
+    }
+    for (const auto& entry : out)
+        emit(entry.first, entry.second);
 }

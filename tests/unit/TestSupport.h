@@ -14,6 +14,10 @@
 #include <sstream>
 #include <string>
 
+// Tests compare whole log texts: every line is printed unless a test asks for summaries.
+inline const std::chrono::milliseconds defaultRepeatWindow =
+    LogLine::setRepeatWindow(std::chrono::milliseconds(0));
+
 // A private directory, removed with everything in it.
 class TempDir {
 public:
