@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 #include <string>
@@ -25,12 +26,15 @@ using Clock = std::chrono::steady_clock;
 struct Repeat {
     Clock::time_point since;
     unsigned long count;
+    // Summaries come out in the order the lines first did.
+    unsigned long long order;
 };
 
 // Lines are keyed by their whole text, level name included.
 struct RepeatTable {
     std::mutex mutex;
     std::chrono::milliseconds window{10000};
+    unsigned long long lineCount = 0;
     std::unordered_map<std::string, std::pair<int, Repeat>> lines;
 };
 
@@ -57,6 +61,7 @@ std::string summary(const std::string& line, unsigned long count,
 // Summaries of every window that is over (all of them when flushing); the caller prints them.
 void takeEnded(RepeatTable& table, Clock::time_point now, bool all,
                std::vector<std::pair<int, std::string>>& out) {
+    std::vector<std::pair<unsigned long long, std::pair<int, std::string>>> ended;
     for (auto entry = table.lines.begin(); entry != table.lines.end();) {
         const Repeat& repeat = entry->second.second;
         if (!all && now - repeat.since < table.window) {
@@ -64,10 +69,14 @@ void takeEnded(RepeatTable& table, Clock::time_point now, bool all,
             continue;
         }
         if (repeat.count > 0)
-            out.emplace_back(entry->second.first,
-                             summary(entry->first, repeat.count, table.window));
+            ended.emplace_back(repeat.order,
+                               std::make_pair(entry->second.first,
+                                              summary(entry->first, repeat.count, table.window)));
         entry = table.lines.erase(entry);
     }
+    std::sort(ended.begin(), ended.end());
+    for (auto& line : ended)
+        out.push_back(std::move(line.second));
 }
 
 void emit(int level, const std::string& line) {
@@ -134,7 +143,7 @@ LogLine::~LogLine() {
             ++seen->second.second.count;
         } else {
             if (table.window.count() > 0 && table.lines.size() < maxTrackedLines)
-                table.lines.emplace(line, std::make_pair(level, Repeat{now, 0}));
+                table.lines.emplace(line, std::make_pair(level, Repeat{now, 0, ++table.lineCount}));
             out.emplace_back(level, std::move(line));
         }
     }

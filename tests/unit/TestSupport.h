@@ -18,6 +18,18 @@
 inline const std::chrono::milliseconds defaultRepeatWindow =
     LogLine::setRepeatWindow(std::chrono::milliseconds(0));
 
+// Counts repeated log lines in windows of the given length for one test; the summaries of
+// everything counted come out when it ends (or at flushRepeats()).
+class RepeatWindowScope {
+public:
+    explicit RepeatWindowScope(std::chrono::milliseconds window)
+        : previous(LogLine::setRepeatWindow(window)) {}
+    ~RepeatWindowScope() { LogLine::setRepeatWindow(previous); }
+
+private:
+    std::chrono::milliseconds previous;
+};
+
 // A private directory, removed with everything in it.
 class TempDir {
 public:

@@ -131,15 +131,21 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(std::count(counts.begin(), counts.end(), '\n'), 1024);
 }
 
+// A full bus without a consumer: one line and a count per window, not one line per frame.
 TEST(FrameQueue, OverloadDropsTheOldestFrame) {
     FrameQueue queue;
     VerbosityScope warnings(1);
     StderrCapture capture;
-    for (uint64_t i = 1; i <= 101; ++i)
-        queue.push(frame(0xFEF1, i));
-    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n");
+    {
+        RepeatWindowScope window(std::chrono::hours(1));
+        for (uint64_t i = 1; i <= 1100; ++i)
+            queue.push(frame(0xFEF1, i));
+        EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n");
+    }
+    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n"
+                              "WARN: Repeated 999 times in 3600 s: Dropped can frame!\n");
     ASSERT_EQ(queue.size(), 100u);
-    for (uint64_t i = 2; i <= 101; ++i)
+    for (uint64_t i = 1001; i <= 1100; ++i)
         EXPECT_EQ(queue.pop()->getTimestamp(), i);
 }
 
