@@ -1,6 +1,7 @@
 #include "FmsXMLGenerator.h"
 
 #include "Logger.h"
+#include "XmlText.h"
 
 #include <cstdio>
 #include <sstream>
@@ -82,7 +83,7 @@ void FmsXMLGenerator::start(uint32_t periodMs) {
 
 void FmsXMLGenerator::setFmsVersion(const std::string& version) {
     std::lock_guard<std::mutex> lock(mutex);
-    fmsVersion = version.substr(0, 6);
+    fmsVersion = XmlText::firstCharacters(version, 6);
     fmstoip.attribute("FMSVersion").set_value(fmsVersion.c_str());
     singleFmstoip.attribute("FMSVersion").set_value(fmsVersion.c_str());
 }

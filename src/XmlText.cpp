@@ -64,3 +64,12 @@ std::string XmlText::clean(const std::string& text) {
     }
     return cleaned;
 }
+
+std::string XmlText::firstCharacters(const std::string& text, size_t count) {
+    size_t end = 0;
+    for (size_t taken = 0; end < text.size(); ++end) {
+        if (!continuation(static_cast<unsigned char>(text[end])) && taken++ == count)
+            break;
+    }
+    return text.substr(0, end);
+}

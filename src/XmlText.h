@@ -10,6 +10,8 @@
 class XmlText {
 public:
     static std::string clean(const std::string& text);
+    // The first count characters of clean text; a character is never cut.
+    static std::string firstCharacters(const std::string& text, size_t count);
 
     // U+FFFD in UTF-8.
     static constexpr const char* replacement = "\xEF\xBF\xBD";

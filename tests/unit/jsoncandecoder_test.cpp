@@ -50,6 +50,9 @@ TEST(XmlText, ValidTextStaysAndEachBadByteBecomesOneReplacement) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(XmlText::clean(c.first), c.second) << c.first;
+    EXPECT_EQ(XmlText::firstCharacters("0402ab", 3), "040");
+    EXPECT_EQ(XmlText::firstCharacters("0" + r + r + "2", 6), "0" + r + r + "2");
+    EXPECT_EQ(XmlText::firstCharacters("0" + r + r + "2", 2), "0" + r);
 }
 
 TEST(JsonCanDecoder, StringFieldsAreSplitAtStars) {
