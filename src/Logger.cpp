@@ -142,7 +142,8 @@ LogLine::~LogLine() {
         if (seen != table.lines.end()) {
             ++seen->second.second.count;
         } else {
-            if (table.window.count() > 0 && table.lines.size() < maxTrackedLines)
+            // Debug lines are a trace someone asked for: each one counts.
+            if (table.window.count() > 0 && level < 4 && table.lines.size() < maxTrackedLines)
                 table.lines.emplace(line, std::make_pair(level, Repeat{now, 0, ++table.lineCount}));
             out.emplace_back(level, std::move(line));
         }

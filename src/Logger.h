@@ -13,7 +13,7 @@ extern bool useSyslog;
 //
 // A line whose exact text was emitted less than a window ago is only counted; once the window
 // is over, one line says how often it was repeated. So a fault that repeats with every CAN frame
-// or datagram costs a few lines, not thousands.
+// or datagram costs a few lines, not thousands. Debug lines (level 4) are all printed.
 class LogLine {
 public:
     explicit LogLine(int level);

@@ -1,10 +1,13 @@
 #include "Fmstoip.h"
 
+#include "AtomicFile.h"
+
 #include "CanTestSupport.h"
 #include "TestSupport.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -129,6 +132,28 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     const std::string counts = TempDir::read(counterFile);
     EXPECT_EQ(counts.rfind("0100=7\n0200=100\nF004=119\nFEF1=2\nX10=1\n", 0), 0u);
     EXPECT_EQ(std::count(counts.begin(), counts.end(), '\n'), 1024);
+}
+
+// The counter and module files may be links to another place (a persistent partition), with a
+// mode of their own: a replacement keeps both.
+TEST(AtomicFile, LinksAndModesStay) {
+    TempDir dir;
+    const std::string target = dir.write("target", "old");
+    chmod(target.c_str(), 0600);
+    ASSERT_EQ(symlink("target", dir.file("relative").c_str()), 0);
+    ASSERT_EQ(symlink(dir.file("absent").c_str(), dir.file("dangling").c_str()), 0);
+    std::string error;
+    EXPECT_TRUE(AtomicFile::replace(dir.file("relative"), "new\n", &error)) << error;
+    EXPECT_TRUE(AtomicFile::replace(dir.file("dangling"), "first\n", &error)) << error;
+    struct stat info;
+    ASSERT_EQ(lstat(dir.file("relative").c_str(), &info), 0);
+    EXPECT_TRUE(S_ISLNK(info.st_mode));
+    ASSERT_EQ(stat(target.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(TempDir::read(target), "new\n");
+    EXPECT_EQ(TempDir::read(dir.file("absent")), "first\n");
+    EXPECT_FALSE(AtomicFile::replace(dir.file("missing/file"), "x", &error));
+    EXPECT_EQ(error.rfind("open " + dir.file("missing/file.tmp") + " failed: ", 0), 0u) << error;
 }
 
 // A full bus without a consumer: one line and a count per window, not one line per frame.

@@ -60,6 +60,9 @@ TEST(GnssLines, ReportsAndSentencesGiveTheDocument) {
         // A time that cannot be read keeps the one before; a missing field reads as 0.
         {{fix3d, R"({"class":"TPV","mode":3,"lat":1,"lon":2,"time":"12:00:03"})"},
          "|1|N|2|E|0.00|08:05:09|2024-03-01|0|GPS|1|0|0|0|"},
+        // Bytes XML cannot carry in a sentence: one U+FFFD each.
+        {{"$GPTXT,K\xfchl\x01*00\r\n"},
+         "$GPTXT,K\xEF\xBF\xBDhl\xEF\xBF\xBD*00|0|N|0|E|0|now|0|NotValid|1|0|0|0|"},
         // No fix: nothing handed over. No satellite in use is written as one.
         {{R"({"class":"TPV","mode":1})", R"({"class":"SKY","hdop":2,"satellites":[]})"},
          "|0|N|0|E|0|now|0|NotValid|1|2|0|0|"},

@@ -36,7 +36,7 @@ TEST(Logger, LevelNamesClampingAndGuard) {
 // The first line prints, repeats within the window are counted, and one line at the end of the
 // window says how many; other lines pass meanwhile.
 TEST(Logger, RepeatsWithinAWindowAreSummarised) {
-    VerbosityScope v(2);
+    VerbosityScope v(4);
     StderrCapture capture;
     {
         RepeatWindowScope window(std::chrono::milliseconds(500));
@@ -44,11 +44,13 @@ TEST(Logger, RepeatsWithinAWindowAreSummarised) {
             LOG(1) << "flood " << 7;
         LOG(2) << "other";
         LOG(2) << "flood 7"; // same text, other level
+        LOG(4) << "trace";
+        LOG(4) << "trace";
         std::this_thread::sleep_for(std::chrono::milliseconds(600));
         LOG(1) << "flood 7";
         LOG(1) << "flood 7";
     }
-    EXPECT_EQ(capture.text(), "WARN: flood 7\nNOTE: other\nNOTE: flood 7\n"
+    EXPECT_EQ(capture.text(), "WARN: flood 7\nNOTE: other\nNOTE: flood 7\nDBG : trace\nDBG : trace\n"
                               "WARN: Repeated 999 times in 1 s: flood 7\nWARN: flood 7\n"
                               "WARN: Repeated 1 times in 1 s: flood 7\n");
 }
