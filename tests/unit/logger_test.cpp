@@ -50,7 +50,8 @@ TEST(Logger, RepeatsWithinAWindowAreSummarised) {
         LOG(1) << "flood 7";
         LOG(1) << "flood 7";
     }
-    EXPECT_EQ(capture.text(), "WARN: flood 7\nNOTE: other\nNOTE: flood 7\nDBG : trace\nDBG : trace\n"
-                              "WARN: Repeated 999 times in 1 s: flood 7\nWARN: flood 7\n"
-                              "WARN: Repeated 1 times in 1 s: flood 7\n");
+    EXPECT_EQ(capture.text(),
+              "WARN: flood 7\nNOTE: other\nNOTE: flood 7\nDBG : trace\nDBG : trace\n"
+              "WARN: Repeated 999 times in 1 s: flood 7\nWARN: flood 7\n"
+              "WARN: Repeated 1 times in 1 s: flood 7\n");
 }
