@@ -140,6 +140,7 @@ def test_gpsd_that_closes_at_once_is_tried_less_and_less_often(sandbox):
     thread.join()
     assert len(accepted) == 4, accepted
     gaps = [b - a for a, b in zip(accepted, accepted[1:])]
+    print("waits between attempts: %s s" % ", ".join("%.2f" % g for g in gaps))
     assert all(0.9 * w < g < w + 1.5 * SLOW for g, w in zip(gaps, (1, 2, 4))), gaps
     assert len(proc.lines()) < 12, proc.stderr
 
