@@ -5,8 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -36,6 +39,9 @@ struct RepeatTable {
     std::chrono::milliseconds window{10000};
     unsigned long long lineCount = 0;
     std::unordered_map<std::string, std::pair<int, Repeat>> lines;
+    // Wakes the flusher when a line is first counted.
+    std::condition_variable counted;
+    bool flusherStarted = false;
 };
 
 RepeatTable& repeatTable() {
@@ -77,6 +83,41 @@ void takeEnded(RepeatTable& table, Clock::time_point now, bool all,
     std::sort(ended.begin(), ended.end());
     for (auto& line : ended)
         out.push_back(std::move(line.second));
+}
+
+void emit(int level, const std::string& line);
+
+// Prints each summary when its window ends, also when nothing else is logged. Runs for the
+// life of the process, like the table.
+void flusherMain() {
+    RepeatTable& table = repeatTable();
+    std::vector<std::pair<int, std::string>> out;
+    std::unique_lock<std::mutex> lock(table.mutex);
+    for (;;) {
+        bool waiting = false;
+        Clock::time_point due;
+        for (const auto& entry : table.lines) {
+            const Repeat& repeat = entry.second.second;
+            if (repeat.count > 0 && (!waiting || repeat.since + table.window < due)) {
+                due = repeat.since + table.window;
+                waiting = true;
+            }
+        }
+        if (!waiting) {
+            table.counted.wait(lock);
+            continue;
+        }
+        if (Clock::now() < due) {
+            table.counted.wait_until(lock, due);
+            continue;
+        }
+        takeEnded(table, Clock::now(), false, out);
+        lock.unlock();
+        for (const auto& line : out)
+            emit(line.first, line.second);
+        out.clear();
+        lock.lock();
+    }
 }
 
 void emit(int level, const std::string& line) {
@@ -140,7 +181,17 @@ LogLine::~LogLine() {
         takeEnded(table, now, false, out);
         auto seen = table.lines.find(line);
         if (seen != table.lines.end()) {
-            ++seen->second.second.count;
+            if (++seen->second.second.count == 1) {
+                if (!table.flusherStarted) {
+                    try {
+                        std::thread(flusherMain).detach();
+                        table.flusherStarted = true;
+                    } catch (const std::system_error&) {
+                        // Summaries then come with the next line after the window.
+                    }
+                }
+                table.counted.notify_one();
+            }
         } else {
             // Debug lines are a trace someone asked for: each one counts.
             if (table.window.count() > 0 && level < 4 && table.lines.size() < maxTrackedLines)

@@ -13,7 +13,9 @@ extern bool useSyslog;
 //
 // A line whose exact text was emitted less than a window ago is only counted; once the window
 // is over, one line says how often it was repeated. So a fault that repeats with every CAN frame
-// or datagram costs a few lines, not thousands. Debug lines (level 4) are all printed.
+// or datagram costs a few lines, not thousands. Debug lines (level 4) are all printed. A thread
+// of the logger's own prints the summaries, so they come when due even if nothing else is
+// logged.
 class LogLine {
 public:
     explicit LogLine(int level);
