@@ -4,6 +4,7 @@
 #include "SPNNumeric.h"
 #include "SPNStatus.h"
 #include "SPNString.h"
+#include "XmlText.h"
 
 #include <algorithm>
 #include <cmath>
@@ -167,7 +168,7 @@ void FmsXMLGenerator::start(uint32_t periodMs) {
 
 void FmsXMLGenerator::setFmsVersion(const std::string& version) {
     std::lock_guard<std::mutex> lock(mutex);
-    fmsVersion = version.substr(0, 6);
+    fmsVersion = XmlText::firstCharacters(version, 6);
     fmstoip.attribute("FMSVersion").set_value(fmsVersion.c_str());
     singleFmstoip.attribute("FMSVersion").set_value(fmsVersion.c_str());
 }

@@ -1,5 +1,6 @@
 #include "Fmstoip.h"
 
+#include "AtomicFile.h"
 #include "BasicCanDecoder.h"
 #include "JsonCanDecoder.h"
 #include "Logger.h"
@@ -7,6 +8,7 @@
 #include "SPNNumeric.h"
 #include "SPNStatus.h"
 #include "SPNString.h"
+#include "XmlText.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -37,18 +39,6 @@ bool storableKey(const std::string& key) {
     return true;
 }
 
-bool writeAll(int fd, const std::string& content) {
-    size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t n = write(fd, content.data() + done, content.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
 
 // The PGN of a text in the four-digit form ("FEF1").
 bool pgnNumber(const std::string& text, uint16_t& pgn) {
@@ -78,7 +68,7 @@ std::string versionOf(const DecodedFrame& frame) {
     std::string version;
     for (uint32_t i = 1; i <= 4 && i < frame.getDataLength() && data[i] != 0; ++i)
         version += static_cast<char>(data[i]);
-    return version;
+    return XmlText::clean(version);
 }
 
 // The frame template of generator filled with frame.
@@ -108,34 +98,10 @@ void fillFrame(FmsXMLGenerator& generator, const DecodedFrame& frame, const std:
     }
 }
 
-std::string folderOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
 } // namespace
 
 bool replaceFile(const std::string& path, const std::string& content) {
-    if (path.empty())
-        return false;
-    const std::string temporary = path + ".tmp";
-    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    bool written = writeAll(fd, content) && fsync(fd) == 0;
-    written = close(fd) == 0 && written;
-    if (!written || rename(temporary.c_str(), path.c_str()) != 0) {
-        unlink(temporary.c_str());
-        return false;
-    }
-    // Makes the rename itself durable. The new content is in place either way.
-    const int folder = open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder >= 0) {
-        fsync(folder);
-        close(folder);
-    }
-    return true;
+    return AtomicFile::replace(path, content);
 }
 
 Fmstoip::Fmstoip(const Configuration& configuration)
@@ -234,7 +200,7 @@ void Fmstoip::remember(const DecodedFrame& frame, std::shared_ptr<const DecodedF
                        std::shared_ptr<const DecodedFrame>& released) {
     const uint16_t pgn = frame.getPgn();
     if (pgn == fmsVersionPgn)
-        fmsVersion = versionOf(frame).substr(0, sizeof Latest::version);
+        fmsVersion = versionOf(frame);
     Latest* slot = latestOf(pgn, true);
     if (whole && !slot->whole) {
         if (wholeFrames.size() >= maxWholeFrames)

@@ -69,7 +69,7 @@ private:
         uint8_t length = 0;
         bool seen = false;
         uint8_t versionLength = 0;
-        char version[6] = {};
+        char version[12] = {}; // four characters, each cleaned to at most three bytes
     };
     static constexpr size_t pageSize = 256;
 
@@ -136,8 +136,7 @@ private:
 };
 
 // Replaces the content of path so that a reader, also after a crash or power cut, finds either
-// the old or the new content in full: writes path + ".tmp", flushes it to disk, renames it over
-// path and flushes the folder. False, path untouched, when that fails.
+// the old or the new content in full (AtomicFile). False when that fails.
 bool replaceFile(const std::string& path, const std::string& content);
 
 #endif

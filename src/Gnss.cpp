@@ -2,14 +2,18 @@
 
 #include "Heartbeat.h"
 #include "Logger.h"
+#include "XmlText.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -161,7 +165,8 @@ std::unique_ptr<Json::CharReader> newGpsdReader() {
 void handleGpsdLine(const std::string& line, Json::CharReader& reader,
                     GnssXMLGenerator& generator) {
     if (!line.empty() && line[0] == '$') {
-        generator.appendNmea(line);
+        // The only gpsd text that goes into the document as it comes.
+        generator.appendNmea(XmlText::clean(line));
         return;
     }
     Json::Value report;
@@ -255,18 +260,32 @@ void Gnss::stopReader() {
 void Gnss::readerMain() {
     pthread_setname_np(pthread_self(), "gpsd reader");
     std::string line;
+    // Wait after a connection that ended before any report: a gpsd at its client limit, or
+    // something else on the port, accepts and closes at once and is not to be hammered.
+    std::chrono::seconds backoff = minBackoff;
     while (running) {
-        if (!connectToGpsd()) {
+        const Attempt attempt = connectOnce();
+        if (attempt == Attempt::Fatal) {
             closeSocket();
             return;
+        }
+        if (attempt == Attempt::Stopped)
+            break;
+        if (attempt == Attempt::Failed) {
+            // Nobody listening (yet): gpsd is picked up within a second of its start.
+            if (!pause(std::chrono::seconds(1)))
+                break;
+            continue;
         }
         // Nothing comes without the WATCH; if it is lost, gpsd closes or stays silent.
         ssize_t ignored = send(socketFd, watchCommand, watchCommandLength, MSG_NOSIGNAL);
         (void)ignored;
+        bool delivered = false;
         for (;;) {
             const ReadResult result = readLine(line);
             if (result != ReadResult::Line)
                 break;
+            delivered = true;
             try {
                 handleLine(line);
             } catch (const std::exception& e) {
@@ -276,15 +295,26 @@ void Gnss::readerMain() {
         }
         // Gone or stopped: a fresh socket, connection and WATCH while running.
         closeSocket();
+        if (!running)
+            break;
+        if (delivered)
+            backoff = minBackoff;
+        else
+            LOG(3) << "gpsd closed before any report: next attempt in " << backoff.count() << " s.";
+        if (!pause(backoff))
+            break;
+        backoff = std::min(2 * backoff, maxBackoff);
     }
+    closeSocket();
 }
 
-bool Gnss::connectToGpsd() {
-    // Non-blocking, so that neither a connect nor a read can hold up stop().
+Gnss::Attempt Gnss::connectOnce() {
+    // Non-blocking, so that neither a connect nor a read can hold up stop(). A fresh socket for
+    // each attempt: one whose connect failed fails every later connect at once.
     socketFd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (socketFd < 0) {
         LOG(1) << "Error opening Gnss socket.";
-        return false;
+        return Attempt::Fatal;
     }
 
     struct addrinfo hints;
@@ -294,32 +324,48 @@ bool Gnss::connectToGpsd() {
     struct addrinfo* found = nullptr;
     if (getaddrinfo(gpsdAddress.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) {
         LOG(1) << "ERROR, no such host";
-        return false;
+        return Attempt::Fatal;
     }
     struct sockaddr_in address;
     memcpy(&address, found->ai_addr, sizeof address);
     freeaddrinfo(found);
     address.sin_port = htons(static_cast<uint16_t>(atoi(gpsdPort.c_str())));
 
-    while (running) {
-        int result =
-            connect(socketFd, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
-        if (result != 0 && (errno == EINPROGRESS || errno == EINTR)) {
-            if (!waitReady(POLLOUT))
-                return false;
-            int error = 0;
+    int result = connect(socketFd, reinterpret_cast<struct sockaddr*>(&address), sizeof address);
+    if (result != 0 && (errno == EINPROGRESS || errno == EINTR)) {
+        // A host that has gone away answers nothing; the kernel would try for minutes.
+        const ReadyResult ready =
+            waitReady(POLLOUT, std::chrono::steady_clock::now() + connectTimeout);
+        if (ready == ReadyResult::Stopped)
+            return Attempt::Stopped;
+        int error = ETIMEDOUT;
+        if (ready == ReadyResult::Ready) {
             socklen_t length = sizeof error;
             getsockopt(socketFd, SOL_SOCKET, SO_ERROR, &error, &length);
-            result = error == 0 ? 0 : -1;
         }
-        if (result == 0)
-            return true;
+        result = error == 0 ? 0 : -1;
+    }
+    if (result != 0) {
         LOG(1) << "Error while connecting to Gnss socket. " << result << "= " << result
                << "retrying...";
-        if (!pause(std::chrono::seconds(1)))
-            return false;
+        closeSocket();
+        return Attempt::Failed;
     }
-    return false;
+    // A gpsd without a receiver is silent but alive; a host that lost power or its cable is
+    // found by its missing answers to keepalive probes.
+    const int on = 1;
+    const int idle = static_cast<int>(keepaliveIdle.count());
+    const int interval = static_cast<int>(keepaliveInterval.count());
+    const int probes = keepaliveProbes;
+    const unsigned userTimeout =
+        static_cast<unsigned>((keepaliveIdle + keepaliveProbes * keepaliveInterval).count() * 1000);
+    setsockopt(socketFd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(socketFd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+    setsockopt(socketFd, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+    setsockopt(socketFd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    // The same bound for the WATCH command, should it stay unacknowledged.
+    setsockopt(socketFd, IPPROTO_TCP, TCP_USER_TIMEOUT, &userTimeout, sizeof userTimeout);
+    return Attempt::Connected;
 }
 
 Gnss::ReadResult Gnss::readLine(std::string& line) {
@@ -347,7 +393,8 @@ Gnss::ReadResult Gnss::readLine(std::string& line) {
             continue;
         }
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-            if (!waitReady(POLLIN))
+            if (waitReady(POLLIN, std::chrono::steady_clock::time_point::max()) ==
+                ReadyResult::Stopped)
                 return ReadResult::Stopped;
             continue;
         }
@@ -356,17 +403,19 @@ Gnss::ReadResult Gnss::readLine(std::string& line) {
     }
 }
 
-bool Gnss::waitReady(short events) {
+Gnss::ReadyResult Gnss::waitReady(short events, std::chrono::steady_clock::time_point deadline) {
     struct pollfd ready;
     ready.fd = socketFd;
     ready.events = events;
     while (running) {
         Heartbeat::beat();
+        if (std::chrono::steady_clock::now() >= deadline)
+            return ReadyResult::TimedOut;
         ready.revents = 0;
         if (poll(&ready, 1, static_cast<int>(pollInterval.count())) != 0)
-            return running;
+            return running ? ReadyResult::Ready : ReadyResult::Stopped;
     }
-    return false;
+    return ReadyResult::Stopped;
 }
 
 bool Gnss::pause(std::chrono::milliseconds duration) {

@@ -39,18 +39,29 @@ public:
     static constexpr int maxJsonDepth = 64;
     // A reader waiting on a silent gpsd looks at the running flag this often.
     static constexpr std::chrono::milliseconds pollInterval{200};
+    // Waits after a connection that gpsd closed before any report, doubling per such connection.
+    static constexpr std::chrono::seconds minBackoff{1};
+    static constexpr std::chrono::seconds maxBackoff{30};
+    // A connect that neither succeeds nor fails in this time (a host that is gone) has failed.
+    static constexpr std::chrono::seconds connectTimeout{5};
+    // A gpsd host that answers no keepalive probe is given up after idle + probes x interval.
+    static constexpr std::chrono::seconds keepaliveIdle{10};
+    static constexpr std::chrono::seconds keepaliveInterval{5};
+    static constexpr int keepaliveProbes = 3;
 
 private:
     enum class ReadResult { Line, Failed, Stopped };
+    enum class Attempt { Connected, Failed, Fatal, Stopped };
+    enum class ReadyResult { Ready, TimedOut, Stopped };
 
     void startReader();
     void stopReader();
     void readerMain();
-    // False when the reader has to end: stopped, or no socket or address to connect with.
-    bool connectToGpsd();
+    // One connection attempt with a fresh socket. Fatal: no socket or address at all.
+    Attempt connectOnce();
     ReadResult readLine(std::string& line);
-    // Waits for fd to become ready for events; false once stopped.
-    bool waitReady(short events);
+    // Waits for the socket to become ready for events, until the deadline.
+    ReadyResult waitReady(short events, std::chrono::steady_clock::time_point deadline);
     // False when stopped before the time was up.
     bool pause(std::chrono::milliseconds duration);
     void closeSocket();

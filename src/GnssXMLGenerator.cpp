@@ -14,7 +14,8 @@ void textElement(pugi::xml_node parent, const char* name, const std::string& tex
 }
 } // namespace
 
-GnssXMLGenerator::GnssXMLGenerator() : thread([this] { deliverDocument(); }) {}
+GnssXMLGenerator::GnssXMLGenerator(ClockFunction clockFunction)
+    : clock(clockFunction), thread([this] { deliverDocument(); }) {}
 
 GnssXMLGenerator::~GnssXMLGenerator() {
     thread.stop();
@@ -30,6 +31,8 @@ void GnssXMLGenerator::setLatitude(double value, const std::string& direction) {
     latitudeDegree = format("%g", value);
     latitudeDirection = direction;
     latitudeFresh = true;
+    positionSeen[0] = true;
+    latitudeAt = clock();
 }
 
 void GnssXMLGenerator::setLongitude(double value, const std::string& direction) {
@@ -37,6 +40,8 @@ void GnssXMLGenerator::setLongitude(double value, const std::string& direction) 
     longitudeDegree = format("%g", value);
     longitudeDirection = direction;
     longitudeFresh = true;
+    positionSeen[1] = true;
+    longitudeAt = clock();
 }
 
 void GnssXMLGenerator::setDateTime(int day, int month, int year, int second, int minute, int hour) {
@@ -96,6 +101,10 @@ void GnssXMLGenerator::setHook(XMLHook* receiver) {
 void GnssXMLGenerator::start(uint32_t periodMs) {
     if (periodMs == 0)
         return;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        period = std::chrono::microseconds(uint64_t(periodMs) * 1000);
+    }
     if (!thread.start(std::chrono::microseconds(uint64_t(periodMs) * 1000))) {
         LOG(1) << "Error creating gnss XML thread.";
     }
@@ -106,7 +115,10 @@ void GnssXMLGenerator::deliverDocument() {
     XMLHook* receiver;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (latitudeFresh && longitudeFresh) {
+        const Clock::time_point oldest = clock() - period - lateReportTolerance;
+        const bool recent =
+            positionSeen[0] && positionSeen[1] && latitudeAt >= oldest && longitudeAt >= oldest;
+        if ((latitudeFresh && longitudeFresh) || recent) {
             signalQuality = "GPS";
         } else {
             dateTime = now();

@@ -5,6 +5,7 @@
 #include "PeriodicThread.h"
 #include "XMLHook.h"
 
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <ostream>
@@ -13,9 +14,21 @@
 // Holds the latest GNSS values as ready-formatted texts and hands a GNSSLocationDelivery
 // document to the hook once per period. A period without a new position still gives a
 // document, marked NotValid and stamped with the system clock.
+//
+// A position counts for a document when it arrived since the one before, or when it is at most
+// a period and a tolerance old. A receiver reporting once a period keeps a fixed phase to the
+// document clock; with the first rule alone, jitter around a deadline would put two reports in
+// one period and none in the next, and that document would say NotValid though the fix held.
 class GnssXMLGenerator {
 public:
-    GnssXMLGenerator();
+    using Clock = std::chrono::steady_clock;
+    using ClockFunction = Clock::time_point (*)();
+
+    // How late a report may be for the document before: more than a receiver's jitter, well
+    // below a period.
+    static constexpr std::chrono::milliseconds lateReportTolerance{250};
+
+    explicit GnssXMLGenerator(ClockFunction clock = Clock::now);
     virtual ~GnssXMLGenerator();
     GnssXMLGenerator(const GnssXMLGenerator&) = delete;
     GnssXMLGenerator& operator=(const GnssXMLGenerator&) = delete;
@@ -46,10 +59,16 @@ private:
     std::string format(const char* format, double value);
     void buildDocument(std::ostream& out) const;
 
+    const ClockFunction clock;
     XMLHook* hook = nullptr;
     char formatBuffer[120] = {};
+    std::chrono::microseconds period{1000000};
     bool latitudeFresh = false;
     bool longitudeFresh = false;
+    // When each was last set; meaningful once set at all.
+    bool positionSeen[2] = {false, false};
+    Clock::time_point latitudeAt;
+    Clock::time_point longitudeAt;
     std::string nmea;
     std::string latitudeDegree = "0";
     std::string latitudeDirection = "N";

@@ -1,6 +1,7 @@
 #ifndef TAVRO_LOGGER_H
 #define TAVRO_LOGGER_H
 
+#include <chrono>
 #include <sstream>
 
 // Log threshold: 0 quiet, 2 default, 3 (-v), 4 (-vv), 8 (-vvv).
@@ -9,6 +10,12 @@ extern int verbosity;
 extern bool useSyslog;
 
 // One log line in construction; emitted to stderr or syslog when it is destroyed.
+//
+// A line whose exact text was emitted less than a window ago is only counted; once the window
+// is over, one line says how often it was repeated. So a fault that repeats with every CAN frame
+// or datagram costs a few lines, not thousands. Debug lines (level 4) are all printed. A thread
+// of the logger's own prints the summaries, so they come when due even if nothing else is
+// logged.
 class LogLine {
 public:
     explicit LogLine(int level);
@@ -23,6 +30,12 @@ public:
 
     // Four-character name of a level; levels above 4 print as 4.
     static const char* levelName(int level);
+
+    // Sets the window in which repeats are counted instead of printed, and returns the previous
+    // one. 0 prints every line.
+    static std::chrono::milliseconds setRepeatWindow(std::chrono::milliseconds window);
+    // Prints the summaries of all counted repeats at once, as at the end of their windows.
+    static void flushRepeats();
 
 private:
     int level;

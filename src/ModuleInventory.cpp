@@ -1,7 +1,9 @@
 #include "ModuleInventory.h"
 
 #include "Heartbeat.h"
+#include "AtomicFile.h"
 #include "Logger.h"
+#include "XmlText.h"
 
 #include <sys/stat.h>
 
@@ -27,18 +29,19 @@ std::string ModuleInventory::macAddress(const std::string& interface) {
         return std::string();
     if (!line.empty() && line.back() == '\r')
         line.pop_back();
-    return line;
+    return XmlText::clean(line);
 }
 
 ModuleInventory::ModuleInventory(const Configuration& configuration) : Service(configuration) {
     status = markerPresent() ? 1 : 0;
 
-    const std::string type = configuration.getString("device_type");
-    const std::string model = configuration.getString("device_model");
-    const std::string manufacturer = configuration.getString("device_manufacturer");
-    const std::string serial = configuration.getString("device_serial");
-    const std::string software = configuration.getString("device_software_rev");
-    const std::string hardware = configuration.getString("device_hardware_rev");
+    // Configuration texts go into the document as they are, so they are made fit for XML once.
+    const std::string type = XmlText::clean(configuration.getString("device_type"));
+    const std::string model = XmlText::clean(configuration.getString("device_model"));
+    const std::string manufacturer = XmlText::clean(configuration.getString("device_manufacturer"));
+    const std::string serial = XmlText::clean(configuration.getString("device_serial"));
+    const std::string software = XmlText::clean(configuration.getString("device_software_rev"));
+    const std::string hardware = XmlText::clean(configuration.getString("device_hardware_rev"));
     const std::string interface = configuration.getString("network_interface");
     publisher.addTxt("type=" + type);
     publisher.addTxt("model=" + model);
@@ -60,15 +63,15 @@ ModuleInventory::ModuleInventory(const Configuration& configuration) : Service(c
     document.setStatus(status);
 
     const std::string path = configuration.getString("moduleinfo_file_path");
-    std::ofstream file(path, std::ios::trunc);
-    if (file.is_open()) {
-        const std::string text = document.toString();
-        file << text;
-        file.close();
+    // Replaced whole, so that a reader or a power cut never finds it empty or half written.
+    const std::string text = document.toString();
+    std::string error;
+    if (AtomicFile::replace(path, text, &error)) {
         LOG(4) << "Writing to file: " << path;
         LOG(4) << text;
     } else {
         LOG(1) << "Cannot write to file: " << path;
+        LOG(1) << error;
     }
 
     watchdogRunning = true;

@@ -6,6 +6,7 @@
 #include "SPNNumeric.h"
 #include "SPNStatus.h"
 #include "SPNString.h"
+#include "XmlText.h"
 
 #include <json/json.h>
 
@@ -37,7 +38,8 @@ bool readString(const Json::Value& object, const char* key, std::string& out) {
     const Json::Value& value = object[key];
     if (!value.isConvertibleTo(Json::stringValue))
         return false;
-    out = value.asString();
+    // Names and units go into documents as they are.
+    out = XmlText::clean(value.asString());
     return true;
 }
 
@@ -260,8 +262,9 @@ bool PgnMapping::decodeRules(const Group& group, uint64_t raw, const uint8_t* te
                 return false;
             }
             ++stringIndex;
-            spn = new SPNString(
-                std::string(reinterpret_cast<const char*>(text) + start, end - start));
+            // Padding and stray bytes of the bus cannot go into a document.
+            spn = new SPNString(XmlText::clean(
+                std::string(reinterpret_cast<const char*>(text) + start, end - start)));
         }
         spn->setNumber(static_cast<uint16_t>(rule.number & 0xFFFF));
         spn->setName(rule.name);

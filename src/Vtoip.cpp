@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <limits>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -114,16 +116,32 @@ Vtoip::~Vtoip() {
 }
 
 void Vtoip::handleFrame(DecodedFrame* frame) {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (const SPN* spn : frame->spns()) {
-        if (spn->getType() == SPN::Numeric)
-            applyNumeric(spn->getNumber(), static_cast<const SPNNumeric*>(spn)->getValue());
-        else if (spn->getType() == SPN::Status)
-            applyStatus(spn->getNumber(), static_cast<const SPNStatus*>(spn)->getValue());
+    // Numbers the document has no place for; logged once the document is released, so that a
+    // slow log never holds up the sender thread or another CAN reader.
+    std::vector<std::pair<uint16_t, uint32_t>> ignored;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (const SPN* spn : frame->spns()) {
+            bool applied = true;
+            if (spn->getType() == SPN::Numeric)
+                applied =
+                    applyNumeric(spn->getNumber(), static_cast<const SPNNumeric*>(spn)->getValue());
+            else if (spn->getType() == SPN::Status)
+                applied =
+                    applyStatus(spn->getNumber(), static_cast<const SPNStatus*>(spn)->getValue());
+            if (!applied)
+                ignored.emplace_back(spn->getNumber(), spn->getType());
+        }
+    }
+    for (const auto& spn : ignored) {
+        if (spn.second == SPN::Numeric)
+            LOG(2) << "SPN " << spn.first << " is not nummerical. Entry is ignored.";
+        else
+            LOG(2) << "SPN " << spn.first << " is not of type status. Entry is ignored.";
     }
 }
 
-void Vtoip::applyNumeric(uint16_t number, double value) {
+bool Vtoip::applyNumeric(uint16_t number, double value) {
     switch (number) {
     case 0:
         document.setOdospeed(value);
@@ -141,16 +159,17 @@ void Vtoip::applyNumeric(uint16_t number, double value) {
         document.setVehicleOrder(truncatedInt32(value));
         break;
     default:
-        LOG(2) << "SPN " << number << " is not nummerical. Entry is ignored.";
+        return false;
     }
+    return true;
 }
 
-void Vtoip::applyStatus(uint16_t number, uint32_t value) {
+bool Vtoip::applyStatus(uint16_t number, uint32_t value) {
     if (number >= firstDoorCode && number <= lastDoorCode) {
         // -1 would read as "nothing reported": larger values stay an (erroneous) report.
         const uint32_t state = std::min<uint32_t>(value, std::numeric_limits<int32_t>::max());
         document.setDoor(number - firstDoorCode, static_cast<int32_t>(state));
-        return;
+        return true;
     }
     switch (number) {
     case 300:
@@ -175,8 +194,9 @@ void Vtoip::applyStatus(uint16_t number, uint32_t value) {
         document.setVehicleMode(value != 0);
         break;
     default:
-        LOG(2) << "SPN " << number << " is not of type status. Entry is ignored.";
+        return false;
     }
+    return true;
 }
 
 std::string Vtoip::takeDocument() {

@@ -38,8 +38,9 @@ public:
 private:
     void sendLoop();
     std::string takeDocumentLocked();
-    void applyNumeric(uint16_t number, double value);
-    void applyStatus(uint16_t number, uint32_t value);
+    // False for a number the document has no place for.
+    bool applyNumeric(uint16_t number, double value);
+    bool applyStatus(uint16_t number, uint32_t value);
 
     const std::string multicastAddr;
     const std::string servicePort;

@@ -251,5 +251,6 @@ int main(int argc, char** argv) {
     LOGV(8, 8) << "Returning " << caughtSignal;
     releaseServices(services);
     general.reset();
+    LogLine::flushRepeats();
     return caughtSignal;
 }

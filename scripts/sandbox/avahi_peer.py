@@ -188,7 +188,8 @@ class RemoteHost:
     and mount namespace of its own, with its own system bus and avahi-daemon. What it browses
     has crossed the wire."""
 
-    def __init__(self, sandbox, interface="v1", addr="10.20.0.2/24", host="remote-host"):
+    def __init__(self, sandbox, interface="v1", addr="10.20.0.2/24", host="remote-host",
+                 avahi=True):
         self.sandbox = sandbox
         self.interface = interface
         # Holds the namespaces; everything else enters them with nsenter.
@@ -204,6 +205,11 @@ class RemoteHost:
         self.run("ip", "link", "set", "lo", "up")
         self.run("ip", "addr", "add", addr, "dev", interface)
         self.run("ip", "link", "set", interface, "up")
+        if avahi:
+            self._start_avahi(host)
+
+    def _start_avahi(self, host):
+        interface, sandbox = self.interface, self.sandbox
         for path in ("/run/dbus", "/run/avahi-daemon"):
             self.run("mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", path)
         config = sandbox.path("remote-dbus.conf")

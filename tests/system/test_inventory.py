@@ -41,11 +41,17 @@ def test_marker_at_start_and_removed(sandbox, avahi):
                                     "moduleinfo_file_path": FILE})
     os.makedirs(os.path.dirname(MARKER))
     open(MARKER, "w").close()
+    # The file is a link with a mode of its own: replaced, it stays both.
+    target = Path(sandbox.path("module.xml"))
+    target.write_text("old")
+    target.chmod(0o640)
+    FILE.symlink_to(target)
     watch = avahi.watch("_inventory._udp")
     proc = sandbox.tavro("inventory", "-vv")
     first = watch.wait_resolved("tavro-inventory")
     assert (first.port, first.txt) == (80, txt(1))
     assert FILE.read_text() == MODULE_FILE
+    assert FILE.is_symlink() and target.stat().st_mode & 0o7777 == 0o640
 
     os.unlink(MARKER)
     started = time.monotonic()
@@ -58,3 +64,13 @@ def test_marker_at_start_and_removed(sandbox, avahi):
     # Written once at start: the file keeps the status of the start.
     assert proc.lines().count("DBG : Writing to file: /tmp/status/moduleinfo.xml") == 1
     assert FILE.read_text() == MODULE_FILE
+
+
+def test_module_file_that_cannot_be_written(sandbox):
+    install_conf("inventory.conf", {"moduleinfo_file_path": "/tmp/status/missing/moduleinfo.xml"})
+    proc = sandbox.tavro("inventory", "-vv")
+    proc.wait_for(r"^WARN: Cannot write to file: /tmp/status/missing/moduleinfo\.xml$")
+    proc.wait_for(r"^WARN: open /tmp/status/missing/moduleinfo\.xml\.tmp failed: No such file")
+    proc.interrupt()
+    assert proc.wait(5) == 2
+    assert not any(line.startswith("DBG : Writing to file:") for line in proc.lines())

@@ -1,9 +1,11 @@
 """PGN requests over HTTP: a real nginx in front of tavro-fmstoip, frames from the virtual CAN
 bus, multicast on the far end of a veth pair."""
 
+import re
 import resource
 import socket
 import time
+import xml.etree.ElementTree as ET
 
 from canbus_peer import CanBus
 from nginx_peer import Nginx, wait_for_port
@@ -17,7 +19,7 @@ BAD = (400, "text/html", PAGE % "Bad Request")
 NO_PACKET = (408, "text/html", PAGE % "No can packet with the requested pgn is available.")
 
 
-def serve(sandbox, bus, counts, args=()):
+def serve(sandbox, bus, counts, args=(), **options):
     """The daemon behind nginx; ask(name, root, pgn, path) gives (status, type, body)."""
     sandbox.write_conf("tavro.conf", {"fcgi_port": FCGI_PORT})
     for name in ("add", "remove", "get"):
@@ -26,7 +28,7 @@ def serve(sandbox, bus, counts, args=()):
             "service_protocol": "tcp", "service_domain": "local", "service_port": 8085,
             "service_txtversion": 1, "service_version": "1.0",
             "service_path": "/fmstoip/%spgn" % name})
-    proc = start(sandbox, bus, counts=counts, args=args)
+    proc = start(sandbox, bus, counts=counts, args=args, **options)
     wait_for_port(FCGI_PORT)
     nginx = Nginx(sandbox, FCGI_PORT)
 
@@ -134,3 +136,40 @@ def test_a_bus_walking_every_pgn_grows_memory_by_a_bounded_figure(sandbox, avahi
         assert (status, kind) == (200, "text/xml"), pgn
         assert [f[:2] for f in frames_of(body)[1]] == [
             ("%04X" % pgn, "003034303200%04X" % pgn)]
+def test_bytes_xml_cannot_carry_give_well_formed_documents(sandbox):
+    """Bus bytes and mapping texts that are not UTF-8 XML text: every datagram and every
+    PGNGet answer still parses, with U+FFFD in their place."""
+    mapping = sandbox.path("latin1.json")
+    with open(mapping, "wb") as f:
+        f.write(b'[{"pgn": 65265, "spns": [{"type": 0, "number": 84, "name": "K\xfchlmittel",'
+                b' "offset": 1, "byteSize": 2, "formatGain": 0.00390625, "formatOffset": 0,'
+                b' "units": " \xb0C"}]},'
+                b' {"pgn": 65260, "spns": [{"type": 2, "number": 237, "name": "VIN"}]}]')
+    listener = network(sandbox)
+    bus = CanBus(sandbox)
+    _, nginx, _ = serve(sandbox, bus, "FDD1=1\nFEEC=1\nFEF1=1\n", mapping_file=mapping)
+
+    # FMS version bytes 30 FE 01 32; a VIN by BAM with a control byte and 0xFF padding.
+    vin = b"WDB\x019634031L12" + b"\xff" * 4
+    bam = [(0x1CECFF00, bytes([0x20, len(vin), 0, 3, 0xFF, 0xEC, 0xFE, 0]))]
+    bam += [(0x1CEBFF00, bytes([i + 1]) + (vin + b"\xff" * 7)[7 * i:7 * i + 7])
+            for i in range(3)]
+    play(bus, (0x18FDD100, bytes([0x01, 0x30, 0xFE, 0x01, 0x32, 0, 0, 0])), *bam, CCVS)
+    datagrams = [d[1] for d in listener.wait_for(3)]
+    answers = []
+    for pgn in ("FDD1", "FEEC", "FEF1"):
+        status, _, _, body = nginx.request("POST", "/fmstoip/getpgn",
+                                           "<PGNGet>%s</PGNGet>" % pgn)
+        assert status == 200, body
+        answers.append(body)
+    replacement = "\ufffd"
+    documents = [ET.fromstring(d) for d in datagrams + answers]  # strict: raises if not XML
+    texts = [ET.tostring(d, encoding="unicode") for d in documents]
+    assert all('FMSVersion="0%s%s2"' % (replacement, replacement) in t
+               for t in texts[1:]), texts
+    vins = [t for t in texts if "<PGN>FEEC</PGN>" in t]
+    assert len(vins) == 2 and all(
+        re.search("<Value>WDB\ufffd9634031L12\ufffd+</Value>", t) for t in vins), vins
+    speeds = [t for t in texts if "<PGN>FEF1</PGN>" in t]
+    assert len(speeds) == 2 and all("<Name>K%shlmittel</Name>" % replacement in t and
+                                    "<Unit> %sC</Unit>" % replacement in t for t in speeds)

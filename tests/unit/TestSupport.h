@@ -14,6 +14,22 @@
 #include <sstream>
 #include <string>
 
+// Tests compare whole log texts: every line is printed unless a test asks for summaries.
+inline const std::chrono::milliseconds defaultRepeatWindow =
+    LogLine::setRepeatWindow(std::chrono::milliseconds(0));
+
+// Counts repeated log lines in windows of the given length for one test; the summaries of
+// everything counted come out when it ends (or at flushRepeats()).
+class RepeatWindowScope {
+public:
+    explicit RepeatWindowScope(std::chrono::milliseconds window)
+        : previous(LogLine::setRepeatWindow(window)) {}
+    ~RepeatWindowScope() { LogLine::setRepeatWindow(previous); }
+
+private:
+    std::chrono::milliseconds previous;
+};
+
 // A private directory, removed with everything in it.
 class TempDir {
 public:

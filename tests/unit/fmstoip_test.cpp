@@ -1,5 +1,7 @@
 #include "Fmstoip.h"
 
+#include "AtomicFile.h"
+
 #include "CanTestSupport.h"
 #include "JsonCanDecoder.h"
 #include "NetHelpers.h"
@@ -10,6 +12,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -166,15 +169,43 @@ TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
     EXPECT_NE(service->getPgnDocument("FEF1").find("<RelativeTime>1<"), std::string::npos);
 }
 
+// The counter and module files may be links to another place (a persistent partition), with a
+// mode of their own: a replacement keeps both.
+TEST(AtomicFile, LinksAndModesStay) {
+    TempDir dir;
+    const std::string target = dir.write("target", "old");
+    chmod(target.c_str(), 0600);
+    ASSERT_EQ(symlink("target", dir.file("relative").c_str()), 0);
+    ASSERT_EQ(symlink(dir.file("absent").c_str(), dir.file("dangling").c_str()), 0);
+    std::string error;
+    EXPECT_TRUE(AtomicFile::replace(dir.file("relative"), "new\n", &error)) << error;
+    EXPECT_TRUE(AtomicFile::replace(dir.file("dangling"), "first\n", &error)) << error;
+    struct stat info;
+    ASSERT_EQ(lstat(dir.file("relative").c_str(), &info), 0);
+    EXPECT_TRUE(S_ISLNK(info.st_mode));
+    ASSERT_EQ(stat(target.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(TempDir::read(target), "new\n");
+    EXPECT_EQ(TempDir::read(dir.file("absent")), "first\n");
+    EXPECT_FALSE(AtomicFile::replace(dir.file("missing/file"), "x", &error));
+    EXPECT_EQ(error.rfind("open " + dir.file("missing/file.tmp") + " failed: ", 0), 0u) << error;
+}
+
+// A full bus without a consumer: one line and a count per window, not one line per frame.
 TEST(FrameQueue, OverloadDropsTheOldestFrame) {
     FrameQueue queue;
     VerbosityScope warnings(1);
     StderrCapture capture;
-    for (uint64_t i = 1; i <= 101; ++i)
-        queue.push(frame(0xFEF1, i));
-    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n");
+    {
+        RepeatWindowScope window(std::chrono::hours(1));
+        for (uint64_t i = 1; i <= 1100; ++i)
+            queue.push(frame(0xFEF1, i));
+        EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n");
+    }
+    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n"
+                              "WARN: Repeated 999 times in 3600 s: Dropped can frame!\n");
     ASSERT_EQ(queue.size(), 100u);
-    for (uint64_t i = 2; i <= 101; ++i)
+    for (uint64_t i = 1001; i <= 1100; ++i)
         EXPECT_EQ(queue.pop()->getTimestamp(), i);
 }
 

@@ -6,6 +6,9 @@
 #include <arpa/inet.h>
 #include <poll.h>
 
+#include <algorithm>
+#include <random>
+
 #include <gtest/gtest.h>
 #include <pugixml.hpp>
 
@@ -57,6 +60,9 @@ TEST(GnssLines, ReportsAndSentencesGiveTheDocument) {
         // A time that cannot be read keeps the one before; a missing field reads as 0.
         {{fix3d, R"({"class":"TPV","mode":3,"lat":1,"lon":2,"time":"12:00:03"})"},
          "|1|N|2|E|0.00|08:05:09|2024-03-01|0|GPS|1|0|0|0|"},
+        // Bytes XML cannot carry in a sentence: one U+FFFD each.
+        {{"$GPTXT,K\xfchl\x01*00\r\n"},
+         "$GPTXT,K\xEF\xBF\xBDhl\xEF\xBF\xBD*00|0|N|0|E|0|now|0|NotValid|1|0|0|0|"},
         // No fix: nothing handed over. No satellite in use is written as one.
         {{R"({"class":"TPV","mode":1})", R"({"class":"SKY","hdop":2,"satellites":[]})"},
          "|0|N|0|E|0|now|0|NotValid|1|2|0|0|"},
@@ -87,6 +93,63 @@ TEST(GnssLines, BadLinesAreSkippedWholeWithALogLine) {
         const auto got = handle({fix3d, sky, c.first}, 8);
         EXPECT_EQ(got.first, reference) << c.first;
         EXPECT_NE(got.second.find(c.second), std::string::npos) << c.first << "\n" << got.second;
+    }
+}
+
+namespace {
+GnssXMLGenerator::Clock::time_point simulatedNow;
+GnssXMLGenerator::Clock::time_point simulatedClock() {
+    return simulatedNow;
+}
+} // namespace
+
+// A 1 Hz receiver at a fixed offset to the document deadlines, with up to 50 ms of jitter: every
+// document says GPS while the reports come, whatever the offset, and NotValid once a period has
+// gone by without one.
+TEST(GnssGenerator, OneHertzReportsStayValidAtAnyPhase) {
+    const std::chrono::milliseconds period(1000);
+    for (int offset : {0, 3, -3, 15, -15, 500, -500}) {
+        GnssXMLGenerator generator(simulatedClock);
+        RecordingHook hook;
+        generator.setHook(&hook);
+        std::mt19937 random(static_cast<unsigned>(offset + 1000));
+        std::uniform_int_distribution<int> jitter(-50, 50);
+        // Times in ms from the start; reports before deadlines at the same time.
+        std::vector<std::pair<int, bool>> events;
+        for (int k = 1; k <= 24; ++k)
+            events.emplace_back(k * 1000, false);
+        int firstReport = 0, lastReport = 0;
+        for (int j = 1; j <= 18; ++j) {
+            const int at = j * 1000 + offset + jitter(random);
+            events.emplace_back(at, true);
+            firstReport = j == 1 ? at : firstReport;
+            lastReport = at;
+        }
+        std::sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
+            return a.first < b.first || (a.first == b.first && a.second);
+        });
+        const GnssXMLGenerator::Clock::time_point start{std::chrono::hours(1)};
+        std::vector<int> deadlines;
+        for (const auto& event : events) {
+            simulatedNow = start + std::chrono::milliseconds(event.first);
+            if (event.second) {
+                generator.setLatitude(47.1, "N");
+                generator.setLongitude(8.5, "E");
+            } else {
+                generator.deliverDocument();
+                deadlines.push_back(event.first);
+            }
+        }
+        ASSERT_EQ(hook.documents.size(), deadlines.size());
+        for (size_t i = 0; i < deadlines.size(); ++i) {
+            const std::string quality = element(hook.documents[i], "SignalQuality");
+            const int at = deadlines[i];
+            if (at >= firstReport && at <= lastReport) {
+                EXPECT_EQ(quality, "GPS") << "offset " << offset << ", document at " << at;
+            } else if (at >= lastReport + 2 * period.count()) {
+                EXPECT_EQ(quality, "NotValid") << "offset " << offset << ", document at " << at;
+            }
+        }
     }
 }
 

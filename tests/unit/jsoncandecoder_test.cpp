@@ -1,6 +1,7 @@
 #include "CanTestSupport.h"
 #include "JsonCanDecoder.h"
 #include "TestSupport.h"
+#include "XmlText.h"
 
 #include <gtest/gtest.h>
 
@@ -26,6 +27,35 @@ TEST(JsonCanDecoder, PgnOfIdentifiersAndWhatIsAccepted) {
         EXPECT_TRUE(decoder.acceptsShared(canFrame(id)));
         EXPECT_FALSE(decoder.accepts(canFrame(id)));
     }
+}
+
+// What bus strings and file texts become in a document.
+TEST(XmlText, ValidTextStaysAndEachBadByteBecomesOneReplacement) {
+    const std::string r = XmlText::replacement;
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""},
+        {"WDB9634031L123456 <&>\t\r\n", "WDB9634031L123456 <&>\t\r\n"},
+        // Two-, three- and four-byte characters, the last allowed ones below U+FFFE and beyond.
+        {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF",
+         "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF"},
+        // FMS version bytes as one bus sent them; Latin-1; control bytes and DEL-free C0.
+        {"0\xFE\x01"
+         "2",
+         "0" + r + r + "2"},
+        {"K\xFChlmittel", "K" + r + "hlmittel"},
+        {std::string("a\0b\x1F\x7F", 5), "a" + r + "b" + r + "\x7F"},
+        // Cut, overlong, surrogate, beyond U+10FFFF, U+FFFE and U+FFFF.
+        {"\xE2\x82", r + r},
+        {"\xC0\xAF\xE0\x80\xAF", r + r + r + r + r},
+        {"\xED\xA0\x80", r + r + r},
+        {"\xF4\x90\x80\x80", r + r + r + r},
+        {"\xEF\xBF\xBE\xEF\xBF\xBF", r + r + r + r + r + r},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(XmlText::clean(c.first), c.second) << c.first;
+    EXPECT_EQ(XmlText::firstCharacters("0402ab", 3), "040");
+    EXPECT_EQ(XmlText::firstCharacters("0" + r + r + "2", 6), "0" + r + r + "2");
+    EXPECT_EQ(XmlText::firstCharacters("0" + r + r + "2", 2), "0" + r);
 }
 
 TEST(JsonCanDecoder, StringFieldsAreSplitAtStars) {
@@ -121,7 +151,11 @@ TEST(JsonCanDecoder, ValuesOfTheWrongTypeAreRefusedAtLoad) {
     auto frame = decode(decoder, canFrame(0x18FEF100, {'A', 0x01}));
     ASSERT_EQ(frame->spns().size(), 3u);
     EXPECT_EQ(numeric(*frame, 0).getValue(), 'A');
-    EXPECT_EQ(text(*frame, 1).getValue(), std::string("A\x01\xFF\xFF\xFF\xFF\xFF\xFF", 8));
+    // The control byte and the padding cannot go into a document: one U+FFFD each.
+    std::string replaced = "A";
+    for (int i = 0; i < 7; ++i)
+        replaced += XmlText::replacement;
+    EXPECT_EQ(text(*frame, 1).getValue(), replaced);
     EXPECT_EQ(status(*frame, 2).getDescription(), "");
     // The entry with a bad rule list still names its PGN; a text PGN does not.
     EXPECT_TRUE(decoder.accepts(canFrame(0x18FEF300)));

@@ -42,3 +42,24 @@ TEST(MulticastSender, ReportsOnceAMinuteInByteOrderWithIdleContextsAndNoFailedSe
                                   "INFO: no-context = 0\n"
                                   "INFO: \xc3\xa9t\xc3\xa9 = 0\n");
 }
+
+// A send that fails each time (here: too large; on a vehicle: a vanished interface) logs its
+// three lines once per window and then how often.
+TEST(MulticastSender, FailuresInAFloodAreSummarised) {
+    VerbosityScope scope(3);
+    MulticastSender sender("239.255.42.1", "45871", "lo", 0);
+    StderrCapture capture;
+    {
+        RepeatWindowScope window(std::chrono::hours(1));
+        for (int i = 0; i < 500; ++i)
+            sender.send(std::string(70000, 'x'), "lost");
+    }
+    const std::string failed = "WARN: Multicast could not be sent! (port = 45871interface = lo ) "
+                               "errno: " +
+                               std::string(strerror(EMSGSIZE)) + "(" + std::to_string(EMSGSIZE) +
+                               ")";
+    EXPECT_EQ(capture.text(), failed + "\nINFO: Reopening socket!\nNOTE: ifaddr: 127.0.0.1\n" +
+                                  "WARN: Repeated 499 times in 3600 s: " + failed.substr(6) +
+                                  "\nINFO: Repeated 499 times in 3600 s: Reopening socket!\n"
+                                  "NOTE: Repeated 499 times in 3600 s: ifaddr: 127.0.0.1\n");
+}

@@ -61,9 +61,19 @@ TEST_F(VtoipTest, ElementCodesAndTheDocumentOfEachSecond) {
                  {SPN::Status, 0, 1},
                  {SPN::Numeric, 300, 1},
                  {SPN::Status, 503, 0}});
+    {
+        // A stream of frames with an SPN the document has no place for: one line per window.
+        RepeatWindowScope window(std::chrono::hours(1));
+        for (int i = 0; i < 1000; ++i)
+            feed(vtoip, {{SPN::Status, 0, 1}});
+    }
     log.restore();
-    EXPECT_EQ(log.text(), "NOTE: SPN 0 is not of type status. Entry is ignored.\n"
-                          "NOTE: SPN 300 is not nummerical. Entry is ignored.\n");
+    EXPECT_EQ(log.text(),
+              "NOTE: SPN 0 is not of type status. Entry is ignored.\n"
+              "NOTE: SPN 300 is not nummerical. Entry is ignored.\n"
+              "NOTE: SPN 0 is not of type status. Entry is ignored.\n"
+              "NOTE: Repeated 999 times in 3600 s: SPN 0 is not of type status. Entry is "
+              "ignored.\n");
 
     // Nothing to send until each element has had a value; doors reported meanwhile wait.
     const std::vector<Signal> elements = {
