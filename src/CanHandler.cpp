@@ -85,6 +85,9 @@ bool controlTimestamp(const struct msghdr& msg, uint64_t& timestamp) {
     const unsigned char* controlEnd =
         static_cast<const unsigned char*>(msg.msg_control) + msg.msg_controllen;
     bool found = false;
+// musl's CMSG_NXTHDR compares a signed with an unsigned length.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
     for (cmsghdr* c = CMSG_FIRSTHDR(&walked); c != nullptr; c = CMSG_NXTHDR(&walked, c)) {
         if (c->cmsg_level != SOL_SOCKET)
             break;
@@ -113,6 +116,7 @@ bool controlTimestamp(const struct msghdr& msg, uint64_t& timestamp) {
             found = true;
         }
     }
+#pragma GCC diagnostic pop
     return found;
 }
 

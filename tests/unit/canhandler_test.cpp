@@ -147,7 +147,11 @@ TEST(ControlTimestamp, LayoutsOfTheKernel) {
         for (const Message& m : c.messages) {
             const size_t at = buffer.size();
             buffer.resize(at + CMSG_SPACE(m.length));
-            const cmsghdr header = {CMSG_LEN(m.length), m.level, m.type};
+            // By name: musl's cmsghdr has padding between the length and the level.
+            cmsghdr header = {};
+            header.cmsg_len = CMSG_LEN(m.length);
+            header.cmsg_level = m.level;
+            header.cmsg_type = m.type;
             memcpy(buffer.data() + at, &header, sizeof header);
             memcpy(buffer.data() + at + CMSG_LEN(0), m.payload, m.length);
         }

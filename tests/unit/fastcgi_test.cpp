@@ -390,7 +390,7 @@ TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
     ThrowingHook hook;
     VerbosityScope verbose(3);
     StderrCapture capture;
-    auto waitFor = [&capture](const std::function<bool()>& done) {
+    auto waitFor = [](const std::function<bool()>& done) {
         for (int i = 0; i < 250 && !done(); ++i)
             usleep(20 * 1000);
         return done();
