@@ -227,7 +227,7 @@ std::size_t Connection::heldBytes() const {
     for (const auto& entry : requests) {
         const Request& request = *entry.second;
         held += requestOverhead + heapOf(request.paramsBuffer) + request.paramsSize +
-                heapOf(request.in) + heapOf(request.out) + heapOf(request.err);
+                heapOf(request.in);
     }
     return held;
 }
@@ -275,13 +275,14 @@ void Connection::answerUnknownType(uint8_t type) {
 }
 
 void Connection::flushRequest(uint16_t id, Request& request) {
+    // Both are empty between callbacks, and hold nothing then.
     if (!request.out.empty()) {
         writeStream(output, STDOUT, id, request.out);
-        request.out.clear();
+        std::string().swap(request.out);
     }
     if (!request.err.empty()) {
         writeStream(output, STDERR, id, request.err);
-        request.err.clear();
+        std::string().swap(request.err);
     }
     if ((request.inComplete || request.status != 0) && !request.endSent) {
         writeStream(output, STDOUT, id, std::string());
