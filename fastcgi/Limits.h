@@ -23,7 +23,8 @@ struct Limits {
     // for this long is closed; 0 keeps it for ever.
     int idleTimeoutMs = 60000;
     // A connection with an unfinished request, part of a record or output waiting must make
-    // progress (a request's PARAMS or STDIN, output taken by the peer) within this time.
+    // progress (a new request, its PARAMS or STDIN) within this time: its answers must be
+    // taken within this time of the request's last record.
     int progressTimeoutMs = 5000;
     // After the peer has closed its side, what is still to be sent has this long.
     int drainTimeoutMs = 5000;

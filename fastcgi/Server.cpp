@@ -296,11 +296,12 @@ void Server::process(int timeout_ms) {
             }
             sent = 0;
         }
+        // Output taken is no progress: a peer that reads a little now and then must not keep
+        // its answers, nor itself, here for ever.
         if (sent > 0) {
             connection.output.erase(0, static_cast<std::size_t>(sent));
             if (connection.output.empty() && connection.output.capacity() > 16 * 1024)
                 std::string().swap(connection.output);
-            connection.lastProgress = now;
         }
         if (connection.closing && connection.output.empty())
             closeConnection(fd);
