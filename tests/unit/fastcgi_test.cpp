@@ -336,9 +336,9 @@ TEST(Server, ListeningServingAndIdlePeers) {
                   "null character in path");
         EXPECT_EQ(thrown([&] { server.listen(dir.file("missing/x.sock")); }), "bind() failed");
         EXPECT_EQ(exchange(request(paramsStream(1)), longest, 0, serve), ending(1, 0));
-        // A peer that sends half a header and then nothing goes when it has been idle.
+        // A peer that sends half a header and then nothing goes when its time is up.
         Limits limits;
-        limits.idleTimeoutMs = 300;
+        limits.progressTimeoutMs = 300;
         server.set_limits(limits);
         EXPECT_EQ(exchange(begin(1).substr(0, 4), longest, 0, serve), "");
     }
