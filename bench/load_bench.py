@@ -16,9 +16,10 @@ frame to its datagram by the bus and sequence number the log carries in data byt
 Then, outside the load, valgrind's callgrind counts the instructions of bench/frame_cost, the
 decode-and-document path, for the same mix: a figure that does not depend on the machine.
 
-With --compare-churn ROUNDS it makes only rounds of two such runs, without callgrind: nothing
-through nginx during the CAN load, and --churn-rate PGNReq and PGNRem a second (each rewrites the
-counter file, which lies on the disk here), and prints the latency of both side by side.
+With --compare-churn ROUNDS it makes only rounds of three such runs, without callgrind: nothing
+through nginx during the CAN load, PGNGet at the pace of --churn-rate, and --churn-rate PGNReq
+and PGNRem a second (each rewrites the counter file, which lies on the disk here), and prints
+the latency of each side by side.
 
 Exit status 1 when a frame was not delivered. Needs the plain build with the bench programs
 (TAVRO_BUILD_DIR, default build/plain), wrk, nginx, gpsd, avahi-daemon and valgrind.
@@ -191,8 +192,8 @@ def parse_wrk(out):
 
 
 def load_run(args, build, http="get"):
-    """One run; during the CAN load wrk sends PGNGet ("get"), PGNReq and PGNRem in turn
-    ("churn", --churn-rate a second) or nothing ("none")."""
+    """One run; during the CAN load wrk sends PGNGet ("get"; "get-churn-rate" at the pace of
+    --churn-rate), PGNReq and PGNRem in turn ("churn") or nothing ("none")."""
     from avahi_peer import AvahiPeer
     from canbus_peer import PLAYER, CanBus
     from gpsd_peer import Gpsd, NmeaFeed
@@ -294,13 +295,15 @@ def load_run(args, build, http="get"):
         pid = daemon.pid
         # The paced requests run a second before and after the players, so the CAN load meets
         # them running.
+        # About --churn-rate a second: each request takes some 0.8 ms besides the wait.
+        churn_wait = max(0, round(args.connections * 1000 / max(args.churn_rate, 1) - 0.8))
         paced = None
         if http == "get":
             paced = wrk(args.seconds + 2, args.http_wait)
+        elif http == "get-churn-rate":
+            paced = wrk(args.seconds + 2, churn_wait)
         elif http == "churn":
-            # About the rate: each request takes some 0.8 ms besides the wait.
-            paced = wrk(args.seconds + 2, max(0, round(
-                args.connections * 1000 / max(args.churn_rate, 1) - 0.8)), churn=True)
+            paced = wrk(args.seconds + 2, churn_wait, churn=True)
         time.sleep(1)
         sampler = ProgramSampler()
         before = cpu_ticks(pid), machine_busy(), time.monotonic(), loadavg()
@@ -463,17 +466,20 @@ def report(args, load, callgrind):
 
 
 def compare_churn(args, build):
-    """Rounds of two runs, without HTTP and with --churn-rate PGNReq/PGNRem a second during
+    """Rounds of runs without HTTP, with PGNGet and with PGNReq/PGNRem at --churn-rate during
     the CAN load: the bus-to-datagram latency of each, side by side."""
     args.http_seconds = 0
-    runs = {"none": [], "churn": []}
+    # PGNGet at the same pace tells the cost of the HTTP path itself on a 2-CPU machine.
+    runs = {"none": [], "get-churn-rate": [], "churn": []}
+    names = {"none": "nothing", "get-churn-rate": "PGNGet through nginx",
+             "churn": "PGNReq/PGNRem through nginx"}
     for _ in range(args.compare_churn):
         for http in runs:
             runs[http].append(load_run(args, build, http))
     print("tavro-all, immediate mode, %d s at %d frames/s on each of can0 and can1, %d rounds; "
           "latency bus to datagram:" % (args.seconds, args.rate, args.compare_churn))
     print()
-    print("| during the CAN load | PGNReq/PGNRem per s | median µs | p90 µs | p99 µs | "
+    print("| during the CAN load | requests per s | median µs | p90 µs | p99 µs | "
           "frames not delivered |")
     print("|---|---|---|---|---|---|")
     p99 = {}
@@ -482,12 +488,13 @@ def compare_churn(args, build):
             p = result["probe"]
             rate = result["http"][0][0] if result["http"][0] else 0
             print("| %s | %.0f | %.0f | %.0f | %.0f | %d |" % (
-                "nothing" if http == "none" else "PGNReq/PGNRem through nginx", rate,
+                names[http], rate,
                 p["latency_p50_us"], p["latency_p90_us"], p["latency_p99_us"],
                 p["not_delivered"]))
         p99[http] = statistics.median(r["probe"]["latency_p99_us"] for r in results)
     print()
-    print("median p99 with requests / without: %.2f" % (p99["churn"] / p99["none"]))
+    print("median p99 with PGNReq/PGNRem / without requests: %.2f; / with PGNGet: %.2f"
+          % (p99["churn"] / p99["none"], p99["churn"] / p99["get-churn-rate"]))
 
 
 def main():
