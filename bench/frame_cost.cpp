@@ -4,9 +4,10 @@
 // every PGN of the log requested. The frames of a candump log are played in turn until N have
 // gone through; the reader thread is stopped and the frames are dispatched directly, a batch
 // below the queue bound at a time, each batch waiting for its datagrams, so no frame is dropped
-// and no timer runs.
+// and no timer runs. With --unrequested no PGN is requested: the path of a frame that nobody
+// asked for.
 //
-//     frame_cost LOG N MAPPING...
+//     frame_cost [--unrequested] LOG N MAPPING...
 
 #include "CanHandler.h"
 #include "Fmstoip.h"
@@ -58,8 +59,13 @@ std::vector<can_frame> readLog(const char* path) {
 } // namespace
 
 int main(int argc, char** argv) {
+    const bool unrequested = argc > 1 && strcmp(argv[1], "--unrequested") == 0;
+    if (unrequested) {
+        --argc;
+        ++argv;
+    }
     if (argc < 4) {
-        fprintf(stderr, "usage: frame_cost LOG N MAPPING...\n");
+        fprintf(stderr, "usage: frame_cost [--unrequested] LOG N MAPPING...\n");
         return 2;
     }
     const std::vector<can_frame> frames = readLog(argv[1]);
@@ -100,7 +106,7 @@ int main(int argc, char** argv) {
         for (const can_frame& frame : frames) {
             const uint16_t pgn = static_cast<uint16_t>((frame.can_id & CAN_EFF_MASK) >> 8);
             const uint8_t bytes[2] = {static_cast<uint8_t>(pgn >> 8), static_cast<uint8_t>(pgn)};
-            if (requested.insert(toHex(bytes, 2)).second)
+            if (!unrequested && requested.insert(toHex(bytes, 2)).second)
                 service.addPgn(toHex(bytes, 2));
         }
 
@@ -110,7 +116,7 @@ int main(int argc, char** argv) {
             const long batch = std::min(50L, count - done);
             for (long i = 0; i < batch; ++i)
                 handler->dispatch(frames[static_cast<size_t>(done + i) % frames.size()], ++stamp);
-            for (long i = 0; i < batch; ++i) {
+            for (long i = 0; i < batch && !unrequested; ++i) {
                 pollfd ready = {receiver, POLLIN, 0};
                 if (poll(&ready, 1, 10000) != 1 || recv(receiver, buffer, sizeof buffer, 0) <= 0) {
                     fprintf(stderr, "frame_cost: datagrams missing after %ld frames\n", done);

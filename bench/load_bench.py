@@ -376,7 +376,7 @@ def callgrind_run(args, build):
                                        capture_output=True, text=True, check=True).stdout
             for name, pattern in (("dispatch", r"CanHandler::dispatch\("),
                                   ("worker", r"Fmstoip::process\("),
-                                  ("document", r"FmsXMLGenerator::frameDocument")):
+                                  ("document", r"FmsXMLGenerator::plainFrameDocument")):
                 match = re.search(r"^\s*([\d,]+) .*%s" % pattern, annotated, re.M)
                 functions[name] = int(match.group(1).replace(",", "")) / count if match else None
         small, large = sorted(totals)

@@ -10,8 +10,9 @@
 DecodedFrame::DecodedFrame() = default;
 
 DecodedFrame::DecodedFrame(const DecodedFrame& other)
-    : pgn(other.pgn), timestamp(other.timestamp), dataLength(other.dataLength) {
-    memcpy(data, other.data, sizeof data);
+    : pgn(other.pgn), timestamp(other.timestamp), dataLength(other.dataLength), rules(other.rules),
+      pendingSpns(other.pendingSpns) {
+    memcpy(data, other.data, dataLength + 1);
     copySpns(other);
 }
 
@@ -22,7 +23,9 @@ DecodedFrame& DecodedFrame::operator=(const DecodedFrame& other) {
     pgn = other.pgn;
     timestamp = other.timestamp;
     dataLength = other.dataLength;
-    memcpy(data, other.data, sizeof data);
+    memcpy(data, other.data, dataLength + 1);
+    rules = other.rules;
+    pendingSpns = other.pendingSpns;
     copySpns(other);
     return *this;
 }
@@ -45,6 +48,19 @@ void DecodedFrame::setData(const uint8_t* bytes, int32_t length) {
         memcpy(data, bytes, count);
     dataLength = count;
     data[count] = 0;
+}
+
+const std::vector<SPN*>& DecodedFrame::spns() const {
+    if (pendingSpns) {
+        pendingSpns = false;
+        PgnMapping::decodeRules(*rules, loadU64(data), data, 8, const_cast<DecodedFrame&>(*this));
+    }
+    return spnList;
+}
+
+void DecodedFrame::setRules(const PgnMapping::Group* group, bool pending) {
+    rules = group;
+    pendingSpns = pending && group != nullptr;
 }
 
 void DecodedFrame::addSpn(SPN* spn) {

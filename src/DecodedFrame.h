@@ -1,6 +1,7 @@
 #ifndef TAVRO_DECODEDFRAME_H
 #define TAVRO_DECODEDFRAME_H
 
+#include "PgnMapping.h"
 #include "SPN.h"
 
 #include <cstdint>
@@ -8,7 +9,9 @@
 #include <vector>
 
 // One CAN frame or reassembled transport message with its decoded signal values. Owns its
-// SPNs; copies are deep.
+// SPNs; copies are deep. The SPNs of a single frame may be left to be decoded from its 8 data
+// bytes when first asked for (setRules): most frames are never looked at. Asking is a change,
+// so a frame that threads share has its SPNs asked for before.
 class DecodedFrame {
 public:
     static constexpr uint32_t maxData = 256;
@@ -33,10 +36,19 @@ public:
     void setData(const uint8_t* bytes, int32_t length);
 
     // A copy of the list; the frame keeps ownership of the SPNs.
-    std::vector<SPN*> getSpns() const { return spnList; }
-    const std::vector<SPN*>& spns() const { return spnList; }
+    std::vector<SPN*> getSpns() const { return spns(); }
+    const std::vector<SPN*>& spns() const;
     // Takes ownership.
     void addSpn(SPN* spn);
+
+    // The mapping rules the SPNs come from, or nullptr. With pending set, the frame holds no
+    // SPNs yet: they are decoded from the 8 data bytes when first asked for, so the rules must
+    // be of the same 8 bytes and outlive every look at them, and must not fail (no strings
+    // that the data could lack).
+    void setRules(const PgnMapping::Group* group, bool pending);
+    const PgnMapping::Group* getRules() const { return rules; }
+    // Without decoding pending SPNs: true when the frame has or will have none.
+    bool withoutSpns() const { return spnList.empty() && (!pendingSpns || rules->rules.empty()); }
 
 private:
     void clearSpns();
@@ -46,7 +58,9 @@ private:
     uint64_t timestamp = 0;
     uint32_t dataLength = 0;
     uint8_t data[maxData + 1] = {};
-    std::vector<SPN*> spnList;
+    const PgnMapping::Group* rules = nullptr;
+    mutable bool pendingSpns = false;
+    mutable std::vector<SPN*> spnList;
 };
 
 // "_can frame_", pgn and time stamp, the data as text, then every SPN's line.

@@ -1,8 +1,14 @@
 #include "FmsXMLGenerator.h"
 
 #include "Logger.h"
+#include "SPNNumeric.h"
+#include "SPNStatus.h"
+#include "SPNString.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 
 namespace {
@@ -29,6 +35,82 @@ pugi::xml_node appendRoot(pugi::xml_document& document, const std::string& versi
     return fms;
 }
 
+// Text that pugixml writes as it is (also empty: "<Value></Value>").
+struct PlainCharacters {
+    PlainCharacters() {
+        for (int c = 0x20; c <= 0x7E; ++c)
+            table[c] = c != '&' && c != '<' && c != '>' && c != '"' && c != '\'';
+    }
+    bool table[256] = {};
+};
+
+bool plain(const std::string& text) {
+    static const PlainCharacters characters;
+    for (char c : text) {
+        if (!characters.table[static_cast<unsigned char>(c)])
+            return false;
+    }
+    return true;
+}
+
+// Appends to a string grown ahead, without the checks of each std::string append.
+class TextOut {
+public:
+    explicit TextOut(std::string& target) : text(target) { text.resize(2048); }
+    ~TextOut() { text.resize(used); }
+    template <size_t N> void put(const char (&literal)[N]) { put(literal, N - 1); }
+    void put(const std::string& piece) { put(piece.data(), piece.size()); }
+    void put(const char* piece, size_t length) {
+        if (used + length > text.size())
+            text.resize(2 * (used + length));
+        memcpy(&text[used], piece, length);
+        used += length;
+    }
+    void number(uint64_t value) {
+        char digits[20];
+        size_t n = 0;
+        do {
+            digits[sizeof digits - ++n] = static_cast<char>('0' + value % 10);
+            value /= 10;
+        } while (value != 0);
+        put(digits + sizeof digits - n, n);
+    }
+    // As "%.3f" writes it.
+    void thousandths(double value) {
+        // The exact product differs from the rounded one by at most 2^-13 below 2^40: when the
+        // rounded one is not near a half, so is the exact one, and both round to the same.
+        const double scaled = value * 1000.0;
+        if (!(std::fabs(scaled) < 1099511627776.0)) {
+            printed(value);
+            return;
+        }
+        const double whole = std::nearbyint(scaled);
+        if (std::fabs(scaled - whole) >= 0.49) {
+            printed(value);
+            return;
+        }
+        const uint64_t n = static_cast<uint64_t>(std::fabs(whole));
+        if (std::signbit(value))
+            put("-");
+        number(n / 1000);
+        const char fraction[4] = {static_cast<char>('.'), static_cast<char>('0' + n / 100 % 10),
+                                  static_cast<char>('0' + n / 10 % 10),
+                                  static_cast<char>('0' + n % 10)};
+        put(fraction, 4);
+    }
+
+private:
+    void printed(double value) {
+        char text[64];
+        // Cut as the template's setter cuts it.
+        const int length = snprintf(text, sizeof text, "%.3f", value);
+        put(text, std::min(static_cast<size_t>(std::max(length, 0)), sizeof text - 1));
+    }
+
+    std::string& text;
+    size_t used = 0;
+};
+
 // Saves straight into a string: a stringstream costs more to set up than a small document
 // costs to write.
 class StringWriter : public pugi::xml_writer {
@@ -43,7 +125,8 @@ private:
 };
 } // namespace
 
-FmsXMLGenerator::FmsXMLGenerator() : thread([this] { deliverCollected(); }) {
+FmsXMLGenerator::FmsXMLGenerator(bool onlySingle)
+    : singleOnly(onlySingle), thread([this] { deliverCollected(); }) {
     fmstoip = appendRoot(collected, fmsVersion);
     singleFmstoip = appendRoot(single, fmsVersion);
 
@@ -64,7 +147,9 @@ FmsXMLGenerator::~FmsXMLGenerator() {
         hook = nullptr;
     }
     thread.stop();
-    LOG(4) << "FmsXMLGenerator thread finished.";
+    if (!singleOnly) {
+        LOG(4) << "FmsXMLGenerator thread finished.";
+    }
 }
 
 void FmsXMLGenerator::setHook(XMLHook* receiver) {
@@ -73,7 +158,7 @@ void FmsXMLGenerator::setHook(XMLHook* receiver) {
 }
 
 void FmsXMLGenerator::start(uint32_t periodMs) {
-    if (periodMs == 0)
+    if (periodMs == 0 || singleOnly)
         return;
     if (!thread.start(std::chrono::microseconds(uint64_t(periodMs) * 1000))) {
         LOG(1) << "Error creating fms XML thread.";
@@ -156,6 +241,81 @@ std::string FmsXMLGenerator::frameDocument() const {
     StringWriter writer(text);
     single.save(writer, "\t", pugi::format_indent, pugi::encoding_auto);
     return text;
+}
+
+bool FmsXMLGenerator::plainFrameDocument(std::string& text, const std::string& pgn,
+                                         const uint8_t* data, uint32_t length, uint64_t time,
+                                         const std::vector<SPN*>& spns) const {
+    if (!plain(fmsVersion) || !plain(pgn))
+        return false;
+    for (const SPN* spn : spns) {
+        if (!plain(spn->getName()))
+            return false;
+        switch (spn->getType()) {
+        case SPN::Numeric:
+            if (!plain(static_cast<const SPNNumeric*>(spn)->getUnit()))
+                return false;
+            break;
+        case SPN::Status:
+            if (!plain(static_cast<const SPNStatus*>(spn)->getDescription()))
+                return false;
+            break;
+        case SPN::String:
+            if (!plain(static_cast<const SPNString*>(spn)->getValue()))
+                return false;
+            break;
+        }
+    }
+    std::string document;
+    {
+        TextOut out(document);
+        out.put("<?xml version=\"1.0\"?>\n<FMStoIPDelivery version=\"1.1a\">\n\t<FMStoIP "
+                "FMSVersion=\"");
+        out.put(fmsVersion);
+        out.put("\">\n\t\t<Frame Status=\"OK\">\n\t\t\t<PGN>");
+        out.put(pgn);
+        out.put("</PGN>\n\t\t\t<Data>");
+        static const char hex[] = "0123456789ABCDEF";
+        for (uint32_t i = 0; i < length; ++i) {
+            const char pair[2] = {hex[data[i] >> 4], hex[data[i] & 0x0F]};
+            out.put(pair, 2);
+        }
+        out.put("</Data>\n\t\t\t<RelativeTime>");
+        out.number(time);
+        out.put("</RelativeTime>\n");
+        for (const SPN* spn : spns) {
+            out.put("\t\t\t<SPN id=\"");
+            out.number(spn->getNumber());
+            out.put("\">\n\t\t\t\t<Name>");
+            out.put(spn->getName());
+            out.put("</Name>\n\t\t\t\t");
+            switch (spn->getType()) {
+            case SPN::Numeric: {
+                const SPNNumeric* numeric = static_cast<const SPNNumeric*>(spn);
+                if (!numeric->getUnit().empty()) {
+                    out.put("<Unit>");
+                    out.put(numeric->getUnit());
+                    out.put("</Unit>\n\t\t\t\t");
+                }
+                out.put("<Value>");
+                out.thousandths(numeric->getValue());
+                break;
+            }
+            case SPN::Status:
+                out.put("<Value>");
+                out.put(static_cast<const SPNStatus*>(spn)->getDescription());
+                break;
+            case SPN::String:
+                out.put("<Value>");
+                out.put(static_cast<const SPNString*>(spn)->getValue());
+                break;
+            }
+            out.put("</Value>\n\t\t\t</SPN>\n");
+        }
+        out.put("\t\t</Frame>\n\t</FMStoIP>\n</FMStoIPDelivery>\n");
+    }
+    text.swap(document);
+    return true;
 }
 
 void FmsXMLGenerator::deliverCollected() {

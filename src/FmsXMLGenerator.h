@@ -2,6 +2,7 @@
 #define TAVRO_FMSXMLGENERATOR_H
 
 #include "PeriodicThread.h"
+#include "SPN.h"
 #include "XMLHook.h"
 
 #include <pugixml.hpp>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 // Builds FMStoIPDelivery documents. The FMStoIP worker fills a frame template and an SPN
 // template through the setters; commitFrame collects the frame for periodic delivery, and
@@ -16,7 +18,9 @@
 // document thread hands the collected frames to the hook once per period.
 class FmsXMLGenerator {
 public:
-    FmsXMLGenerator();
+    // singleOnly: a generator for single-frame documents only, never started, that says
+    // nothing when it goes.
+    explicit FmsXMLGenerator(bool singleOnly = false);
     virtual ~FmsXMLGenerator();
     FmsXMLGenerator(const FmsXMLGenerator&) = delete;
     FmsXMLGenerator& operator=(const FmsXMLGenerator&) = delete;
@@ -46,12 +50,19 @@ public:
     void clearSpns();
     // The frame template alone in a document, tab-indented.
     std::string frameDocument() const;
+    // The document that frameDocument gives once these values are set, written straight as
+    // text, skipping the template: the path of every delivered frame. False, text unchanged,
+    // when a text holds a character that XML escapes or that is not printable ASCII; the
+    // setters take those.
+    bool plainFrameDocument(std::string& text, const std::string& pgn, const uint8_t* data,
+                            uint32_t length, uint64_t time, const std::vector<SPN*>& spns) const;
 
     // One period's work of the document thread: hands the collected frames, if any, to the
     // hook and empties the collected document.
     void deliverCollected();
 
 private:
+    const bool singleOnly;
     uint32_t frameCount = 0;
     std::string fmsVersion = "0000";
     pugi::xml_document collected;

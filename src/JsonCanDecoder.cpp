@@ -40,12 +40,18 @@ DecodedFrame* JsonCanDecoder::decode(const can_frame& frame) {
         decoded->setData(payload);
 
     if (const PgnMapping::Group* group = mapping.find(pgn)) {
-        const bool ok = longMessage
-                            ? PgnMapping::decodeRules(*group, transport.firstWord(),
-                                                      transport.data(), transport.size(), *decoded)
-                            : PgnMapping::decodeRules(*group, payload, frame.data, 8, *decoded);
-        if (!ok)
-            return nullptr;
+        if (longMessage) {
+            if (!PgnMapping::decodeRules(*group, transport.firstWord(), transport.data(),
+                                         transport.size(), *decoded))
+                return nullptr;
+        } else if (group->hasStrings) {
+            // Decoded now: a frame short of string fields is no frame.
+            if (!PgnMapping::decodeRules(*group, payload, frame.data, 8, *decoded))
+                return nullptr;
+            decoded->setRules(group, false);
+        } else {
+            decoded->setRules(group, true);
+        }
     }
     return decoded.release();
 }

@@ -217,8 +217,12 @@ void PgnMapping::load(const std::string& path, Format format) {
         }
     }
     groups.reserve(byPgn.size());
-    for (auto& [pgn, rules] : byPgn)
-        groups.push_back(Group{pgn, std::move(rules)});
+    for (auto& [pgn, rules] : byPgn) {
+        const bool strings = std::any_of(rules.begin(), rules.end(), [](const SpnRule& rule) {
+            return rule.type == SPN::String;
+        });
+        groups.push_back(Group{pgn, std::move(rules), strings});
+    }
 }
 
 const PgnMapping::Group* PgnMapping::find(uint16_t pgn) const {

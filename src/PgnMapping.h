@@ -36,6 +36,8 @@ public:
     struct Group {
         uint16_t pgn;
         std::vector<SpnRule> rules;
+        // Some rule reads a string field, which the data may lack.
+        bool hasStrings = false;
     };
 
     // Bounds of a mapping file: a larger file, or one nested deeper (JsonCpp parses by

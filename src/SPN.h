@@ -15,7 +15,7 @@ public:
     uint32_t getType() const { return type; }
     uint16_t getNumber() const { return number; }
     void setNumber(uint16_t value) { number = value; }
-    std::string getName() const { return name; }
+    const std::string& getName() const { return name; }
     void setName(const std::string& value) { name = value; }
 
     // Diagnostic line, newline included.

@@ -11,7 +11,7 @@ public:
     ~SPNNumeric() override;
 
     double getValue() const { return value; }
-    std::string getUnit() const { return unit; }
+    const std::string& getUnit() const { return unit; }
 
     std::string toString() const override;
 

@@ -11,7 +11,7 @@ public:
     ~SPNStatus() override;
 
     uint32_t getValue() const { return value; }
-    std::string getDescription() const { return description; }
+    const std::string& getDescription() const { return description; }
 
     std::string toString() const override;
 

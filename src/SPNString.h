@@ -10,7 +10,7 @@ public:
     SPNString(const SPNString& other);
     ~SPNString() override;
 
-    std::string getValue() const { return value; }
+    const std::string& getValue() const { return value; }
 
     std::string toString() const override;
 

@@ -27,7 +27,11 @@ void offer(CanDecoder& decoder, const can_frame& frame) {
     if (!decoder.accepts(frame) && !shared)
         return;
     std::unique_ptr<DecodedFrame> decoded(decoder.decode(frame));
-    if (decoded && decoded->getDataLength() > DecodedFrame::maxData)
+    if (!decoded)
+        return;
+    // The SPNs of a single frame are decoded when first asked for.
+    decoded->spns();
+    if (decoded->getDataLength() > DecodedFrame::maxData)
         abort();
 }
 

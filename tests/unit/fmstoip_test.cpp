@@ -1,6 +1,11 @@
 #include "Fmstoip.h"
 
 #include "CanTestSupport.h"
+#include "JsonCanDecoder.h"
+#include "NetHelpers.h"
+#include "SPNNumeric.h"
+#include "SPNStatus.h"
+#include "SPNString.h"
 #include "TestSupport.h"
 
 #include <arpa/inet.h>
@@ -8,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -131,6 +137,35 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(std::count(counts.begin(), counts.end(), '\n'), 1024);
 }
 
+// PGNGet gives what immediate mode sent for the same frame. Frames that 8 bytes do not
+// describe are kept whole up to a bound, beyond which the least recently seen of a PGN not
+// requested goes.
+TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
+    auto service = start("period_ms=0\n");
+    service->addPgn("FEF1");
+    DecodedFrame requested = frame(0xFEF1, 5, {0x01, 0x02});
+    service->handleFrame(&requested);
+    EXPECT_EQ(next(), service->getPgnDocument("FEF1"));
+    EXPECT_EQ(service->getPgnDocument("FEF2"), "");
+
+    const uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    DecodedFrame long1;
+    long1.setData(bytes, 9);
+    long1.setPgn(0xFEF1);
+    long1.setTimestamp(1);
+    service->handleFrame(&long1);
+    EXPECT_NE(next(), "");
+    for (uint16_t i = 0; i < Fmstoip::maxWholeFrames; ++i) {
+        long1.setPgn(0x1000 + i);
+        long1.setTimestamp(100 + i);
+        service->handleFrame(&long1);
+    }
+    EXPECT_EQ(service->getPgnDocument("1000"), "");
+    EXPECT_NE(service->getPgnDocument("1001").find("<Data>010203040506070809</Data>"),
+              std::string::npos);
+    EXPECT_NE(service->getPgnDocument("FEF1").find("<RelativeTime>1<"), std::string::npos);
+}
+
 TEST(FrameQueue, OverloadDropsTheOldestFrame) {
     FrameQueue queue;
     VerbosityScope warnings(1);
@@ -181,4 +216,83 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
         stalled.push(frame(0xFEF1, i));
     EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\nWARN: Dropped can frame!\n");
     EXPECT_EQ(stalled.pop()->getTimestamp(), 4u);
+}
+
+// The text written straight for delivered and fetched frames is the template's, byte for byte;
+// texts that XML would escape are left to the template.
+TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
+    JsonCanDecoder decoder(testData("fms_mapping.json"));
+    struct Case {
+        can_frame frame;
+        std::string version;
+        bool plain;
+    };
+    const std::vector<Case> cases = {
+        // Units, numbers, status texts, one of them empty.
+        {canFrame(0x18FEF100, {0x04, 0x80, 0x14}), "0402", true},
+        {canFrame(0x18F00400, {0xF0, 0x7D}), "0000", true},
+        {canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*'}), "", true},
+        {canFrame(0x18FE6B00, {'A', '&', 'C', '*', 'x', '*'}), "04", false},
+        {canFrame(0x18FE6B00, {'A', '<', '*', 'x', '*'}), "04", false},
+        {canFrame(0x18FEF100, {0x04}), std::string("0\x01", 2), false},
+        {canFrame(0x18FEF100, {0x00}), "0\"", false},
+        {canFrame(0x18FFFF00, {0x01}), "\xC3\xA4", false},
+    };
+    // Numbers as "%.3f" writes them: halves, signs, beyond 2^40, not numbers, and the fields
+    // of common gains and offsets.
+    std::unique_ptr<DecodedFrame> numbers(new DecodedFrame);
+    numbers->setPgn(0xFFFF);
+    std::vector<double> values = {0.0,      -0.0,      0.1,    0.0005,      0.0015, -0.0005,
+                                  -0.0001,  1.0 / 3,   2.0e12, -1.0e15,     1e300,  NAN,
+                                  INFINITY, -INFINITY, 0.0625, 1234567.8905};
+    uint32_t seed = 1;
+    for (double gain : {0.125, 0.4, 0.05, 0.00390625, 0.03125, 0.5, 1.0 / 3}) {
+        for (double offset : {0.0, -40.0, -273.0, -125.0}) {
+            for (int i = 0; i < 40; ++i) {
+                seed = seed * 1103515245 + 12345;
+                values.push_back((seed >> 8) % 70000 * gain + offset);
+            }
+        }
+    }
+    for (double value : values)
+        numbers->addSpn(new SPNNumeric(value, " u"));
+    std::vector<std::unique_ptr<DecodedFrame>> frames;
+    for (const Case& c : cases)
+        frames.emplace_back(decode(decoder, c.frame));
+    frames.push_back(std::move(numbers));
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const Case& c = i < cases.size() ? cases[i] : Case{can_frame(), "0000", true};
+        const std::unique_ptr<DecodedFrame>& frame = frames[i];
+        ASSERT_TRUE(frame);
+        frame->setTimestamp(1700000000123);
+        FmsXMLGenerator generator(true);
+        generator.setFmsVersion(c.version);
+        const std::string data = toHex(frame->getData(), 8);
+        const std::string pgn = toHex(
+            std::vector<uint8_t>{uint8_t(frame->getPgn() >> 8), uint8_t(frame->getPgn())}.data(),
+            2);
+        std::string plain = "untouched";
+        EXPECT_EQ(generator.plainFrameDocument(plain, pgn, frame->getData(), 8, 1700000000123,
+                                               frame->spns()),
+                  c.plain)
+            << pgn;
+        generator.setFramePgn(pgn);
+        generator.setFrameStatus("OK");
+        generator.setFrameData(data);
+        generator.setRelativeTime(1700000000123);
+        for (const SPN* spn : frame->spns()) {
+            generator.setSpnId(spn->getNumber());
+            generator.setSpnName(spn->getName());
+            if (spn->getType() == SPN::Numeric) {
+                generator.setSpnUnit(static_cast<const SPNNumeric*>(spn)->getUnit());
+                generator.setSpnValue(static_cast<const SPNNumeric*>(spn)->getValue());
+            } else if (spn->getType() == SPN::Status) {
+                generator.setSpnValue(static_cast<const SPNStatus*>(spn)->getDescription());
+            } else {
+                generator.setSpnValue(static_cast<const SPNString*>(spn)->getValue());
+            }
+            generator.commitSpn();
+        }
+        EXPECT_EQ(plain, c.plain ? generator.frameDocument() : "untouched") << pgn;
+    }
 }
