@@ -4,6 +4,7 @@
     bench/load_bench.py [--seconds 20] [--rate 19000] [--period-ms 0] [--bus-queue 500]
                         [--connections 4] [--http-wait 4] [--http-seconds 5]
                         [--callgrind-frames 20000] [--no-callgrind | --only-callgrind]
+    bench/load_bench.py --compare-churn ROUNDS [--churn-rate 1000] [--seconds ...] [--rate ...]
 
 In throw-away namespaces (scripts/sandbox/sandboxed): tavro-all with every service, avahi-daemon,
 gpsd fed at 10 Hz, nginx in front of the FastCGI responder, two virtual CAN buses each played
@@ -15,6 +16,11 @@ frame to its datagram by the bus and sequence number the log carries in data byt
 Then, outside the load, valgrind's callgrind counts the instructions of bench/frame_cost, the
 decode-and-document path, for the same mix: a figure that does not depend on the machine.
 
+With --compare-churn ROUNDS it makes only rounds of three such runs, without callgrind: nothing
+through nginx during the CAN load, PGNGet at the pace of --churn-rate, and --churn-rate PGNReq
+and PGNRem a second (each rewrites the counter file, which lies on the disk here), and prints
+the latency of each side by side.
+
 Exit status 1 when a frame was not delivered. Needs the plain build with the bench programs
 (TAVRO_BUILD_DIR, default build/plain), wrk, nginx, gpsd, avahi-daemon and valgrind.
 """
@@ -24,6 +30,7 @@ import os
 import re
 import shutil
 import signal
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -184,7 +191,9 @@ def parse_wrk(out):
     return rate, latency, errors
 
 
-def load_run(args, build):
+def load_run(args, build, http="get"):
+    """One run; during the CAN load wrk sends PGNGet ("get"; "get-churn-rate" at the pace of
+    --churn-rate), PGNReq and PGNRem in turn ("churn") or nothing ("none")."""
     from avahi_peer import AvahiPeer
     from canbus_peer import PLAYER, CanBus
     from gpsd_peer import Gpsd, NmeaFeed
@@ -224,9 +233,11 @@ def load_run(args, build):
         sandbox.write_conf("tavro.conf", conf("tavro.conf", network_interface="v0"))
         sandbox.write_conf("inventory.conf", conf(
             "inventory.conf", moduleinfo_file_path=sandbox.path("moduleinfo.xml")))
+        # Rewritten for every PGNReq and PGNRem: on the disk, where fsync() takes its time.
         sandbox.write_conf("fmstoip.conf", conf(
             "fmstoip.conf", multicast_addr=FMS_GROUP, service_port=FMS_PORT,
-            mapping_file=mapping, can_interface="can0,can1", period_ms=args.period_ms))
+            mapping_file=mapping, can_interface="can0,can1", period_ms=args.period_ms,
+            pgn_counter_file=sandbox.path("pgn_counter")))
         for name in ("addpgn.conf", "removepgn.conf", "getpgn.conf", "time.conf",
                      "mqttbroker.conf"):
             sandbox.write_conf(name, conf(name))
@@ -251,16 +262,28 @@ def load_run(args, build):
         write_log(warm, "can0", 255, 1)
         rc, _, err = bus.play("-f", warm)
         assert rc == 0, err
-        for pgn in PGNS:
+        # F004 once more for each wrk connection: with adds and removes of it in flight on
+        # all of them, its count never drops to 0.
+        for pgn in PGNS + ["F004"] * args.connections:
             status = nginx.request("POST", "/fmstoip/addpgn", "<PGNReq>%s</PGNReq>" % pgn)[0]
             assert status == 200, status
 
-        def wrk(seconds, delay_ms):
-            """wrk sending PGNGet; each connection waits delay_ms after each answer."""
-            script = sandbox.path("get-%d.lua" % delay_ms)
+        def wrk(seconds, delay_ms, churn=False):
+            """wrk sending PGNGet, or with churn PGNReq and PGNRem of F004 in turn (its count
+            stays above 0: the datagrams stay the same); each connection waits delay_ms after
+            each answer."""
+            script = sandbox.path("%s-%d.lua" % ("churn" if churn else "get", delay_ms))
             with open(script, "w") as f:
-                f.write('wrk.method = "POST"\nwrk.body = "<PGNGet>F004</PGNGet>"\n'
-                        'wrk.headers["Content-Type"] = "text/xml"\n')
+                if churn:
+                    f.write('local add = wrk.format("POST", "/fmstoip/addpgn", {["Content-Type"]'
+                            ' = "text/xml"}, "<PGNReq>F004</PGNReq>")\n'
+                            'local remove = wrk.format("POST", "/fmstoip/removepgn", {['
+                            '"Content-Type"] = "text/xml"}, "<PGNRem>F004</PGNRem>")\n'
+                            "local n = 0\nfunction request()\n  n = n + 1\n"
+                            "  if n % 2 == 1 then return add end\n  return remove\nend\n")
+                else:
+                    f.write('wrk.method = "POST"\nwrk.body = "<PGNGet>F004</PGNGet>"\n'
+                            'wrk.headers["Content-Type"] = "text/xml"\n')
                 if delay_ms:
                     f.write("function delay()\n  return %d\nend\n" % delay_ms)
             return subprocess.Popen(["wrk", "-t1", "-c%d" % args.connections,
@@ -272,7 +295,15 @@ def load_run(args, build):
         pid = daemon.pid
         # The paced requests run a second before and after the players, so the CAN load meets
         # them running.
-        paced = wrk(args.seconds + 2, args.http_wait)
+        # About --churn-rate a second: each request takes some 0.8 ms besides the wait.
+        churn_wait = max(0, round(args.connections * 1000 / max(args.churn_rate, 1) - 0.8))
+        paced = None
+        if http == "get":
+            paced = wrk(args.seconds + 2, args.http_wait)
+        elif http == "get-churn-rate":
+            paced = wrk(args.seconds + 2, churn_wait)
+        elif http == "churn":
+            paced = wrk(args.seconds + 2, churn_wait, churn=True)
         time.sleep(1)
         sampler = ProgramSampler()
         before = cpu_ticks(pid), machine_busy(), time.monotonic(), loadavg()
@@ -286,9 +317,10 @@ def load_run(args, build):
         time.sleep(1)
         after = cpu_ticks(pid), machine_busy(), time.monotonic(), loadavg()
         programs = sampler.stop()
-        paced_out = paced.communicate(timeout=args.seconds + 30)[0]
+        paced_out = paced.communicate(timeout=args.seconds + 30)[0] if paced else None
         # What the FastCGI path holds, without the CAN load.
-        flat_out = wrk(args.http_seconds, 0).communicate(timeout=args.http_seconds + 30)[0]
+        flat_out = (wrk(args.http_seconds, 0).communicate(timeout=args.http_seconds + 30)[0]
+                    if args.http_seconds else None)
         peak_kb, rss_kb = status_kb(pid, "VmHWM"), status_kb(pid, "VmRSS")
         probe.stop(signal.SIGTERM, timeout=30)
         daemon.interrupt()
@@ -312,7 +344,8 @@ def load_run(args, build):
             "sent": sent, "player_drops": player_drops, "behind": behind, "probe": result,
             "dropped_lines": len(re.findall(r"^WARN: Dropped can frame!$", daemon.stderr, re.M)),
             "threads": threads, "programs": programs, "peak_kb": peak_kb, "rss_kb": rss_kb,
-            "http": (parse_wrk(paced_out), parse_wrk(flat_out)), "status": status,
+            "http": tuple(parse_wrk(out) if out else None for out in (paced_out, flat_out)),
+            "status": status,
             "reports": reports, "mapping": os.path.basename(mapping),
         }
     finally:
@@ -404,10 +437,13 @@ def report(args, load, callgrind):
             "%s %.0f" % (name, 100 * seconds / elapsed)
             for name, seconds in sorted(load["programs"].items(), key=lambda t: -t[1])
             if seconds >= 0.01 * elapsed)))
-        for (rate, latency, errors), when in zip(load["http"], (
+        for http, when in zip(load["http"], (
                 "during the CAN load, %s" % ("each connection waiting %d ms after an answer"
                                              % args.http_wait if args.http_wait else "full speed"),
                 "after it, full speed for %d s" % args.http_seconds)):
+            if http is None:
+                continue
+            rate, latency, errors = http
             rows.append(("PGNGet through nginx %s: requests/s; latency p50 / p90 / p99" % when,
                          "%.0f; %s" % (rate, " / ".join("%.2f ms" % latency.get(k, -1)
                                                         for k in ("50", "90", "99")))))
@@ -429,6 +465,38 @@ def report(args, load, callgrind):
                                                shown["worker"], shown["document"]))
 
 
+def compare_churn(args, build):
+    """Rounds of runs without HTTP, with PGNGet and with PGNReq/PGNRem at --churn-rate during
+    the CAN load: the bus-to-datagram latency of each, side by side."""
+    args.http_seconds = 0
+    # PGNGet at the same pace tells the cost of the HTTP path itself on a 2-CPU machine.
+    runs = {"none": [], "get-churn-rate": [], "churn": []}
+    names = {"none": "nothing", "get-churn-rate": "PGNGet through nginx",
+             "churn": "PGNReq/PGNRem through nginx"}
+    for _ in range(args.compare_churn):
+        for http in runs:
+            runs[http].append(load_run(args, build, http))
+    print("tavro-all, immediate mode, %d s at %d frames/s on each of can0 and can1, %d rounds; "
+          "latency bus to datagram:" % (args.seconds, args.rate, args.compare_churn))
+    print()
+    print("| during the CAN load | requests per s | median µs | p90 µs | p99 µs | "
+          "frames not delivered |")
+    print("|---|---|---|---|---|---|")
+    p99 = {}
+    for http, results in runs.items():
+        for result in results:
+            p = result["probe"]
+            rate = result["http"][0][0] if result["http"][0] else 0
+            print("| %s | %.0f | %.0f | %.0f | %.0f | %d |" % (
+                names[http], rate,
+                p["latency_p50_us"], p["latency_p90_us"], p["latency_p99_us"],
+                p["not_delivered"]))
+        p99[http] = statistics.median(r["probe"]["latency_p99_us"] for r in results)
+    print()
+    print("median p99 with PGNReq/PGNRem / without requests: %.2f; / with PGNGet: %.2f"
+          % (p99["churn"] / p99["none"], p99["churn"] / p99["get-churn-rate"]))
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--seconds", type=int, default=20)
@@ -443,6 +511,11 @@ def main():
     parser.add_argument("--bus-queue", type=int, default=500,
                         help="frames a daemon's bus socket holds (net.unix.max_dgram_qlen); "
                         "about what a SocketCAN reader's socket holds")
+    parser.add_argument("--churn-rate", type=int, default=1000,
+                        help="PGNReq/PGNRem a second through nginx in --compare-churn")
+    parser.add_argument("--compare-churn", type=int, default=0, metavar="ROUNDS",
+                        help="only the latency without HTTP and with --churn-rate "
+                        "PGNReq/PGNRem a second, side by side, in so many rounds")
     parser.add_argument("--callgrind-frames", type=int, default=20000)
     parser.add_argument("--no-callgrind", action="store_true")
     parser.add_argument("--only-callgrind", action="store_true")
@@ -450,6 +523,9 @@ def main():
     build = os.environ.get("TAVRO_BUILD_DIR", os.path.join(SOURCE, "build", "plain"))
     os.environ.setdefault("TAVRO_BUILD_DIR", build)
     os.environ.setdefault("TAVRO_BIN_DIR", build)
+    if args.compare_churn:
+        compare_churn(args, build)
+        return
     load = None if args.only_callgrind else load_run(args, build)
     callgrind = None if args.no_callgrind else callgrind_run(args, build)
     report(args, load, callgrind)

@@ -2,6 +2,8 @@
 
 #include "Protocol.h"
 
+#include <algorithm>
+
 namespace FastCGIServer {
 
 namespace {
@@ -11,11 +13,24 @@ uint16_t load16(const char* bytes) {
                                  static_cast<uint8_t>(bytes[1]));
 }
 
-std::size_t paramsFootprint(const ParamMap& params) {
-    std::size_t size = 0;
-    for (const auto& entry : params)
-        size += entry.first.size() + entry.second.size();
-    return size;
+// What the string has allocated; a short one lives inside the object.
+std::size_t heapOf(const std::string& text) {
+    static const std::size_t inPlace = std::string().capacity();
+    return text.capacity() > inPlace ? text.capacity() : 0;
+}
+
+// What appending extra bytes adds to the string's allocation (it grows by doubling).
+std::size_t growth(const std::string& text, std::size_t extra) {
+    const std::size_t needed = text.size() + extra;
+    if (needed <= text.capacity())
+        return 0;
+    return std::max(needed, 2 * text.capacity()) - heapOf(text);
+}
+
+// Buffers that once held a large record are not kept that large.
+void trim(std::string& text) {
+    if (text.empty() && text.capacity() > 16 * 1024)
+        std::string().swap(text);
 }
 
 } // namespace
@@ -25,13 +40,14 @@ Callbacks::Callbacks()
       complete(std::make_unique<HandlerBase>()) {}
 
 Connection::Connection(const Callbacks& callbacks, const Limits& limits)
-    : lastActivity(std::chrono::steady_clock::now()), callbacks(callbacks), limits(limits) {}
+    : lastProgress(std::chrono::steady_clock::now()), callbacks(callbacks), limits(limits) {}
 
 void Connection::receive(const char* data, std::size_t size) {
     if (halted)
         return;
     input.append(data, size);
     consume();
+    trim(input);
 }
 
 void Connection::consume() {
@@ -100,6 +116,7 @@ void Connection::beginRequest(uint16_t id, const char* content, std::size_t leng
     auto request = std::make_unique<Request>();
     Request& fresh = *request;
     requests[id] = std::move(request);
+    progressed = true;
     admit(id, fresh, 0);
 }
 
@@ -111,6 +128,7 @@ void Connection::abortRequest(uint16_t id) {
     if (closeAfterEnd)
         closing = true;
     requests.erase(found);
+    progressed = true;
 }
 
 void Connection::params(uint16_t id, const char* content, std::size_t length) {
@@ -118,15 +136,31 @@ void Connection::params(uint16_t id, const char* content, std::size_t length) {
     if (found == requests.end() || found->second->paramsComplete)
         return;
     Request& request = *found->second;
+    progressed = true;
     if (length > 0) {
-        if (admit(id, request, length))
-            request.paramsBuffer.append(content, length);
+        // Pairs are decoded as they come, each charged with its storage, so that what a
+        // request holds is what it costs: many tiny pairs cost far more than their bytes.
+        if (!admit(id, request, growth(request.paramsBuffer, length)))
+            return;
+        request.paramsBuffer.append(content, length);
+        std::size_t pos = 0;
+        std::string name;
+        std::string value;
+        while (readPair(request.paramsBuffer, pos, name, value)) {
+            if (request.params.count(name) != 0)
+                continue;
+            const std::size_t cost = pairOverhead + name.size() + value.size();
+            if (!admit(id, request, cost))
+                return;
+            request.paramsSize += cost;
+            request.params.emplace(std::move(name), std::move(value));
+        }
+        request.paramsBuffer.erase(0, pos);
+        trim(request.paramsBuffer);
         return;
     }
-    request.params = decodeParams(request.paramsBuffer);
-    request.paramsSize = paramsFootprint(request.params);
-    request.paramsBuffer.clear();
-    request.paramsBuffer.shrink_to_fit();
+    // A pair cut off at the end is dropped.
+    std::string().swap(request.paramsBuffer);
     request.paramsComplete = true;
     request.status = (*callbacks.request)(request);
     if (request.status == 0 && !request.in.empty())
@@ -141,14 +175,16 @@ void Connection::stdinData(uint16_t id, const char* content, std::size_t length)
     if (found == requests.end() || found->second->inComplete)
         return;
     Request& request = *found->second;
+    progressed = true;
     if (length > 0) {
         // The answer of an ended request is out; the rest of its body has no reader.
-        if (request.endSent || !admit(id, request, length))
+        if (request.endSent || !admit(id, request, growth(request.in, length)))
             return;
         request.in.append(content, length);
         if (request.paramsComplete && request.status == 0) {
             request.status = (*callbacks.data)(request);
             flushRequest(id, request);
+            trim(request.in);
         }
         return;
     }
@@ -161,11 +197,19 @@ void Connection::stdinData(uint16_t id, const char* content, std::size_t length)
 
 bool Connection::admit(uint16_t id, Request& request, std::size_t extra) {
     const std::size_t held = heldBytes();
-    const std::size_t total = held + othersHeld;
     const bool fits = held <= limits.maxHeldBytes && extra <= limits.maxHeldBytes - held;
-    const bool fitsAll =
-        total <= limits.maxTotalHeldBytes && extra <= limits.maxTotalHeldBytes - total;
-    if (fits && fitsAll)
+    auto fitsAll = [this, extra] {
+        const std::size_t total = footprint() + othersHeld;
+        return total <= limits.maxTotalHeldBytes && extra <= limits.maxTotalHeldBytes - total;
+    };
+    if (fits && !fitsAll() && makeRoom) {
+        const std::size_t total = footprint() + othersHeld;
+        const std::size_t wanted =
+            total + extra - std::min(total + extra, limits.maxTotalHeldBytes);
+        othersHeld -= std::min(othersHeld, makeRoom(wanted));
+    }
+    const bool all = fitsAll();
+    if (fits && all)
         return true;
     if (callbacks.limit != nullptr)
         callbacks.limit(request, fits);
@@ -182,10 +226,32 @@ std::size_t Connection::heldBytes() const {
     std::size_t held = 0;
     for (const auto& entry : requests) {
         const Request& request = *entry.second;
-        held +=
-            requestOverhead + request.paramsBuffer.size() + request.paramsSize + request.in.size();
+        held += requestOverhead + heapOf(request.paramsBuffer) + request.paramsSize +
+                heapOf(request.in);
     }
     return held;
+}
+
+std::size_t Connection::footprint() const {
+    return connectionOverhead + heapOf(input) + heapOf(output) + heldBytes();
+}
+
+bool Connection::busy() const {
+    if (!input.empty() || !output.empty())
+        return true;
+    for (const auto& entry : requests) {
+        if (!entry.second->paramsComplete || !entry.second->inComplete)
+            return true;
+    }
+    return false;
+}
+
+void Connection::shed() {
+    requests.clear();
+    std::string().swap(input);
+    std::string().swap(output);
+    closing = true;
+    halted = true;
 }
 
 void Connection::answerGetValues(const char* content, std::size_t length) {
@@ -209,13 +275,14 @@ void Connection::answerUnknownType(uint8_t type) {
 }
 
 void Connection::flushRequest(uint16_t id, Request& request) {
+    // Both are empty between callbacks, and hold nothing then.
     if (!request.out.empty()) {
         writeStream(output, STDOUT, id, request.out);
-        request.out.clear();
+        std::string().swap(request.out);
     }
     if (!request.err.empty()) {
         writeStream(output, STDERR, id, request.err);
-        request.err.clear();
+        std::string().swap(request.err);
     }
     if ((request.inComplete || request.status != 0) && !request.endSent) {
         writeStream(output, STDOUT, id, std::string());

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -43,6 +44,13 @@ public:
     void flushAll();
     // What the requests hold, as compared against Limits::maxHeldBytes.
     std::size_t heldBytes() const;
+    // Everything the connection holds, its buffers included: its share of
+    // Limits::maxTotalHeldBytes.
+    std::size_t footprint() const;
+    // A request waits for its PARAMS or STDIN, a record is incomplete or output waits.
+    bool busy() const;
+    // Drops every request and buffer and marks the connection for closing.
+    void shed();
 
     std::map<uint16_t, std::unique_ptr<Request>> requests;
     std::string input;
@@ -51,10 +59,18 @@ public:
     bool closing = false;
     // Set by a wrong version or an exceeded bound: the peer's further bytes are dropped.
     bool halted = false;
-    std::chrono::steady_clock::time_point lastActivity;
-    // What the server's other connections hold, against Limits::maxTotalHeldBytes; set by
-    // the server before each receive().
+    // The peer has closed its sending side: only output is left to do.
+    bool peerClosed = false;
+    // Set when a record moved a request on; the server clears it.
+    bool progressed = false;
+    std::chrono::steady_clock::time_point lastProgress;
+    std::chrono::steady_clock::time_point peerClosedAt;
+    // What the server's other connections hold (their footprints), against
+    // Limits::maxTotalHeldBytes; set by the server before each receive().
     std::size_t othersHeld = 0;
+    // Frees at least the given bytes among the other connections if it can and returns what
+    // it freed; set by the server.
+    std::function<std::size_t(std::size_t)> makeRoom;
 
 private:
     void consume();

@@ -41,25 +41,29 @@ void appendLength(std::string& out, std::size_t length) {
 
 } // namespace
 
+bool readPair(const std::string& buffer, std::size_t& pos, std::string& name, std::string& value) {
+    std::size_t at = pos;
+    uint32_t nameLength = 0;
+    uint32_t valueLength = 0;
+    if (!readLength(buffer, at, nameLength) || at >= buffer.size())
+        return false;
+    if (!readLength(buffer, at, valueLength))
+        return false;
+    if (buffer.size() - at < nameLength || buffer.size() - at - nameLength < valueLength)
+        return false;
+    name.assign(buffer, at, nameLength);
+    value.assign(buffer, at + nameLength, valueLength);
+    pos = at + nameLength + valueLength;
+    return true;
+}
+
 ParamMap decodeParams(const std::string& buffer) {
     ParamMap params;
     std::size_t pos = 0;
-    while (pos < buffer.size()) {
-        uint32_t nameLength = 0;
-        uint32_t valueLength = 0;
-        if (!readLength(buffer, pos, nameLength) || pos >= buffer.size())
-            break;
-        if (!readLength(buffer, pos, valueLength))
-            break;
-        if (buffer.size() - pos < nameLength)
-            break;
-        std::string name = buffer.substr(pos, nameLength);
-        pos += nameLength;
-        if (buffer.size() - pos < valueLength)
-            break;
-        params.emplace(std::move(name), buffer.substr(pos, valueLength));
-        pos += valueLength;
-    }
+    std::string name;
+    std::string value;
+    while (readPair(buffer, pos, name, value))
+        params.emplace(name, value);
     return params;
 }
 

@@ -38,6 +38,10 @@ enum ProtocolStatus : uint8_t {
 
 using ParamMap = std::map<std::string, std::string>;
 
+// The whole pair at pos, which then moves past it; false (pos unchanged) when the buffer
+// ends before the pair does.
+bool readPair(const std::string& buffer, std::size_t& pos, std::string& name, std::string& value);
+
 // Name-value pairs up to the last whole one; the first occurrence of a name wins.
 ParamMap decodeParams(const std::string& buffer);
 

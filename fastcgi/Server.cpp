@@ -73,6 +73,13 @@ Server::~Server() {
 }
 
 void Server::listen(uint16_t port) {
+    listen(port, "0.0.0.0");
+}
+
+void Server::listen(uint16_t port, const std::string& address) {
+    in_addr host;
+    if (::inet_pton(AF_INET, address.c_str(), &host) != 1)
+        throw std::runtime_error("bad address");
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         throw std::runtime_error("socket() failed");
@@ -80,12 +87,12 @@ void Server::listen(uint16_t port) {
     const int one = 1;
     if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) < 0)
         fail(fd, "setsockopt() failed");
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(port);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
+    sockaddr_in local;
+    std::memset(&local, 0, sizeof local);
+    local.sin_family = AF_INET;
+    local.sin_addr = host;
+    local.sin_port = htons(port);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) < 0)
         fail(fd, "bind() failed");
     if (::listen(fd, backlog) < 0)
         fail(fd, "listen() failed");
@@ -144,6 +151,20 @@ void Server::run() {
         process(-1);
 }
 
+// When the connection is closed unless it moves on: what is still to be sent after the
+// peer closed its side has the drain time, a connection that owes or is owed something the
+// progress time, any other the idle time.
+Clock::time_point Server::deadline(const Connection& connection) const {
+    auto after = [](Clock::time_point from, int ms) {
+        return ms > 0 ? from + std::chrono::milliseconds(ms) : Clock::time_point::max();
+    };
+    if (connection.peerClosed)
+        return after(connection.peerClosedAt, bounds.drainTimeoutMs);
+    if (connection.busy())
+        return after(connection.lastProgress, bounds.progressTimeoutMs);
+    return after(connection.lastProgress, bounds.idleTimeoutMs);
+}
+
 void Server::process(int timeout_ms) {
     fd_set readSet;
     fd_set writeSet;
@@ -154,31 +175,29 @@ void Server::process(int timeout_ms) {
         FD_SET(fd, &readSet);
         highest = std::max(highest, fd);
     }
+    Clock::time_point next = Clock::time_point::max();
     for (const auto& entry : open) {
         const int fd = entry.first;
         const Connection& connection = *entry.second;
-        if (connection.output.size() <= bounds.maxPendingOutput)
+        // A peer that has closed its side stays readable for ever: watching it would spin.
+        if (!connection.peerClosed && connection.output.size() <= bounds.maxPendingOutput)
             FD_SET(fd, &readSet);
         if (!connection.output.empty())
             FD_SET(fd, &writeSet);
         highest = std::max(highest, fd);
+        next = std::min(next, deadline(connection));
     }
 
-    // Wake up in time to close the connection that goes idle first.
+    // Wake up in time to close the connection whose time runs out first.
     int wait = timeout_ms;
-    if (bounds.idleTimeoutMs > 0 && !open.empty()) {
-        Clock::time_point oldest = Clock::time_point::max();
-        for (const auto& entry : open)
-            oldest = std::min(oldest, entry.second->lastActivity);
+    if (next != Clock::time_point::max()) {
         const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(
-                oldest + std::chrono::milliseconds(bounds.idleTimeoutMs) - Clock::now())
-                .count();
-        const int untilIdle = static_cast<int>(std::min<decltype(left)>(
-                                  std::max<decltype(left)>(0, left), bounds.idleTimeoutMs - 1)) +
+            std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
+        const int untilNext = static_cast<int>(std::min<decltype(left)>(
+                                  std::max<decltype(left)>(0, left), 24 * 3600 * 1000)) +
                               1;
-        if (wait < 0 || untilIdle < wait)
-            wait = untilIdle;
+        if (wait < 0 || untilNext < wait)
+            wait = untilNext;
     }
     timeval timeout;
     timeval* timeoutPointer = nullptr;
@@ -213,14 +232,17 @@ void Server::process(int timeout_ms) {
         if (open.size() >= bounds.maxConnections)
             evictQuietest();
         auto connection = std::make_unique<Connection>(callbacks, bounds);
-        connection->lastActivity = now;
+        connection->lastProgress = now;
+        connection->makeRoom = [this, client](std::size_t wanted) {
+            return shedOthers(client, wanted);
+        };
         open[client] = std::move(connection);
         accepted.push_back(client);
     }
 
     std::size_t held = 0;
     for (const auto& entry : open)
-        held += entry.second->heldBytes();
+        held += entry.second->footprint();
     char buffer[readSize];
     for (auto it = open.begin(); it != open.end();) {
         const int fd = it->first;
@@ -228,7 +250,7 @@ void Server::process(int timeout_ms) {
         ++it;
         if (std::find(accepted.begin(), accepted.end(), fd) != accepted.end())
             continue;
-        if (FD_ISSET(fd, &readSet)) {
+        if (FD_ISSET(fd, &readSet) && !connection.peerClosed) {
             const ssize_t got = ::read(fd, buffer, sizeof buffer);
             if (got < 0) {
                 if (errno == ECONNRESET) {
@@ -240,12 +262,19 @@ void Server::process(int timeout_ms) {
                     throw ConnectionError("read() on socket failed");
                 }
             } else if (got == 0) {
+                connection.peerClosed = true;
+                connection.peerClosedAt = now;
                 connection.closing = true;
             } else {
-                connection.lastActivity = now;
-                connection.othersHeld = held - connection.heldBytes();
+                connection.othersHeld = held - std::min(held, connection.footprint());
+                connection.progressed = false;
                 connection.receive(buffer, static_cast<std::size_t>(got));
-                held = connection.othersHeld + connection.heldBytes();
+                if (connection.progressed)
+                    connection.lastProgress = now;
+                held = connection.othersHeld + connection.footprint();
+                // Output and input grow without asking: the others make room if need be.
+                if (held > bounds.maxTotalHeldBytes)
+                    held -= std::min(held, shedOthers(fd, held - bounds.maxTotalHeldBytes));
             }
         }
         if (connection.output.empty()) {
@@ -267,23 +296,27 @@ void Server::process(int timeout_ms) {
             }
             sent = 0;
         }
+        // Output taken is no progress: a peer that reads a little now and then must not keep
+        // its answers, nor itself, here for ever.
         if (sent > 0) {
             connection.output.erase(0, static_cast<std::size_t>(sent));
-            connection.lastActivity = now;
+            if (connection.output.empty() && connection.output.capacity() > 16 * 1024)
+                std::string().swap(connection.output);
         }
         if (connection.closing && connection.output.empty())
             closeConnection(fd);
     }
 
-    if (bounds.idleTimeoutMs > 0) {
-        const auto idle = std::chrono::milliseconds(bounds.idleTimeoutMs);
-        for (auto it = open.begin(); it != open.end();) {
-            const int fd = it->first;
-            const bool stale = now - it->second->lastActivity >= idle;
-            ++it;
-            if (stale)
-                closeConnection(fd);
-        }
+    // Connections shed for others, and those whose time has run out.
+    for (auto it = open.begin(); it != open.end();) {
+        const int fd = it->first;
+        const Connection& connection = *it->second;
+        const bool over = (connection.closing && connection.output.empty()) ||
+                          (now >= deadline(connection) &&
+                           std::find(accepted.begin(), accepted.end(), fd) == accepted.end());
+        ++it;
+        if (over)
+            closeConnection(fd);
     }
 }
 
@@ -298,7 +331,7 @@ void Server::closeConnection(int fd) {
 void Server::evictQuietest() {
     auto quietest = open.begin();
     for (auto it = open.begin(); it != open.end(); ++it) {
-        if (it->second->lastActivity < quietest->second->lastActivity)
+        if (it->second->lastProgress < quietest->second->lastProgress)
             quietest = it;
     }
     if (quietest == open.end())
@@ -306,6 +339,36 @@ void Server::evictQuietest() {
     const int fd = quietest->first;
     open.erase(quietest);
     ::close(fd);
+}
+
+// The connections that hold the most go first, of equals the one that has waited longest
+// for progress; they are closed at the end of the pass.
+std::size_t Server::shedOthers(int asking, std::size_t wanted) {
+    static const Request none;
+    std::size_t freed = 0;
+    while (freed < wanted) {
+        Connection* victim = nullptr;
+        std::size_t most = 0;
+        for (const auto& entry : open) {
+            Connection& candidate = *entry.second;
+            if (entry.first == asking || (candidate.halted && candidate.output.empty()))
+                continue;
+            const std::size_t size = candidate.footprint();
+            if (victim == nullptr || size > most ||
+                (size == most && candidate.lastProgress < victim->lastProgress)) {
+                victim = &candidate;
+                most = size;
+            }
+        }
+        if (victim == nullptr)
+            break;
+        if (callbacks.limit != nullptr)
+            callbacks.limit(victim->requests.empty() ? none : *victim->requests.begin()->second,
+                            true);
+        victim->shed();
+        freed += most - std::min(most, victim->footprint());
+    }
+    return freed;
 }
 
 void Server::dropConnection(int fd) {

@@ -5,6 +5,8 @@
 #include "Limits.h"
 #include "StaticHandler.h"
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -33,6 +35,8 @@ public:
 
     // On every IPv4 address.
     void listen(uint16_t port);
+    // On one IPv4 address, given in dotted form ("bad address" otherwise).
+    void listen(uint16_t port, const std::string& address);
     void listen(const std::string& path);
 
     void set_request_handler(HandlerFunction function);
@@ -53,6 +57,8 @@ private:
     // After a socket failure of the connection: closed without a further report.
     void dropConnection(int fd);
     void evictQuietest();
+    std::size_t shedOthers(int asking, std::size_t wanted);
+    std::chrono::steady_clock::time_point deadline(const Connection& connection) const;
 
     std::vector<int> listeningSockets;
     std::vector<std::string> socketPaths;

@@ -109,7 +109,7 @@ void sleepWhileRunning(int ms) {
 }
 
 // Serves until stop() (true) or until the server fails as a whole (false).
-bool serve(uint16_t port) {
+bool serve(uint16_t port, const std::string& address) {
     FastCGIServer::Server server;
     server.set_request_handler(onRequest);
     server.set_data_handler(onData);
@@ -119,7 +119,10 @@ bool serve(uint16_t port) {
         if (!registry().running)
             return true;
         try {
-            server.listen(port);
+            if (address.empty())
+                server.listen(port);
+            else
+                server.listen(port, address);
             break;
         } catch (const std::runtime_error&) {
             LOG(3) << "Bind to fcgi socket failed. retrying...";
@@ -146,11 +149,11 @@ bool serve(uint16_t port) {
     return true;
 }
 
-void threadBody(uint16_t port) {
+void threadBody(uint16_t port, const std::string& address) {
     pthread_setname_np(pthread_self(), "fastcgi");
     // A fresh server drops every connection and so frees their descriptors; the pause keeps
     // a lasting fault from spinning.
-    while (!serve(port))
+    while (!serve(port, address))
         sleepWhileRunning(1000);
 }
 
@@ -186,7 +189,7 @@ void FcgiHandler::unregister() {
     registered = nullptr;
 }
 
-void FcgiHandler::start(uint16_t port) {
+void FcgiHandler::start(uint16_t port, const std::string& address) {
     Registry& r = registry();
     if (r.running) {
         LOG(3) << "FcgiHandler already running.";
@@ -201,7 +204,7 @@ void FcgiHandler::start(uint16_t port) {
     sigaddset(&blocked, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &blocked, &previous);
     try {
-        r.thread = std::thread(threadBody, port);
+        r.thread = std::thread(threadBody, port, address);
     } catch (const std::system_error&) {
         LOG(1) << "Error creating fcgi thread";
         r.running = false;

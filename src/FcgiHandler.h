@@ -4,6 +4,7 @@
 #include "FcgiHook.h"
 
 #include <cstdint>
+#include <string>
 
 // Runs the FastCGI server in a thread of its own and hands each request to the hooks
 // registered for the HTTP port it came in on ("SERVER_PORT").
@@ -21,8 +22,9 @@ public:
     // Replaces this object's earlier registration, if any; a null hook only removes it.
     void register_hook(FcgiHook* hook, uint16_t port);
 
-    // Serves on the TCP port until stop(); binding is retried every second.
-    static void start(uint16_t port);
+    // Serves on the TCP port until stop(), on every IPv4 address or on the one given in
+    // dotted form; binding is retried every second.
+    static void start(uint16_t port, const std::string& address = std::string());
     static void stop();
 
 private:

@@ -10,6 +10,7 @@
 #include "TimeService.h"
 #include "Vtoip.h"
 
+#include <arpa/inet.h>
 #include <getopt.h>
 #include <signal.h>
 #include <syslog.h>
@@ -120,6 +121,20 @@ bool fcgiPort(const Configuration& general, uint16_t& port) {
     return true;
 }
 
+// "fcgi_address", when there, must be an IPv4 address: a typo must not open the port to the
+// whole vehicle network.
+bool fcgiAddress(const Configuration& general, std::string& address) {
+    if (!general.hasKey("fcgi_address"))
+        return true;
+    address = general.getString("fcgi_address");
+    in_addr parsed;
+    if (inet_pton(AF_INET, address.c_str(), &parsed) == 1)
+        return true;
+    LOG(0) << "No valid \"fcgi_address\" in configuration (\"" << address
+           << "\"). FastCGI front end not started.";
+    return false;
+}
+
 void startInventory(const Configuration& general, Services& services) {
     Configuration conf(general, configDir + "inventory.conf");
     LOG(3) << "Starting inventory service.";
@@ -137,8 +152,9 @@ void startFmstoip(const Configuration& general, Services& services) {
     services.fmstoip = std::shared_ptr<Fmstoip>(new Fmstoip(conf));
     services.fmstoipFcgi->set_pgn_hook(services.fmstoip.get());
     uint16_t port = 0;
-    if (fcgiPort(general, port))
-        FcgiHandler::start(port);
+    std::string address;
+    if (fcgiPort(general, port) && fcgiAddress(general, address))
+        FcgiHandler::start(port, address);
 }
 
 void startTime(const Configuration& general, Services& services) {

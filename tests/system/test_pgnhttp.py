@@ -1,11 +1,16 @@
 """PGN requests over HTTP: a real nginx in front of tavro-fmstoip, frames from the virtual CAN
 bus, multicast on the far end of a veth pair."""
 
+import errno
+import os
 import re
-import resource
 import socket
+import struct
+import subprocess
 import time
 import xml.etree.ElementTree as ET
+
+import pytest
 
 from canbus_peer import CanBus
 from nginx_peer import Nginx, wait_for_port
@@ -13,6 +18,7 @@ from sandbox import SANITIZED, SLOW
 from test_fmstoip import CCVS, COUNTER_FILE, EEC1, frames_of, network, play, start
 
 FCGI_PORT = 9000
+BEGIN, PARAMS, STDIN, GET_VALUES = 1, 4, 5, 9
 PAGE = "<html><body>%s</body></html>\n"
 OK = (200, "text/html", PAGE % "Ok")
 BAD = (400, "text/html", PAGE % "Bad Request")
@@ -81,26 +87,218 @@ def test_pgn_requests_through_nginx(sandbox, avahi):
     assert ask("get", "PGNReq") == ask("add", "PGNGet") == ask("remove", "x") == BAD
     assert ask("get", "PGNGet", path="/fmstoip/other") == (404, "text/html", PAGE % "Not Found")
 
-    # Peers by the thousand that send half a header and keep quiet do not lock nginx out.
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (max(soft, min(hard, 2000)), hard))
-    peers = [socket.socket() for _ in range(min(1500, max(soft, min(hard, 2000)) - 200))]
-    for peer in peers:
-        peer.setblocking(False)
-        peer.connect_ex(("127.0.0.1", FCGI_PORT))
-    for peer in peers:
-        try:
-            peer.send(b"\x01\x05\x00\x01")
-        except OSError:
-            pass
-    assert ask("remove", "PGNRem") == OK
-    for peer in peers:
-        peer.close()
-
     proc.interrupt()
     assert proc.wait(10) == 2
     lines = proc.lines()
     assert lines.index("DBG : fcgi thread finished.") == lines.index("NOTE: Closing program...") + 1
+
+
+def record(kind, request_id, content=b""):
+    return struct.pack(">BBHHBx", 1, kind, request_id, len(content), 0) + content
+
+
+def pair(name, value):
+    def length(n):
+        return bytes([n]) if n < 128 else struct.pack(">I", n | 0x80000000)
+    return length(len(name)) + length(len(value)) + name + value
+
+
+BEGIN_KEEP = struct.pack(">HB5x", 1, 1)
+BUDGET = 16 * 1024 * 1024  # the FastCGI layer's memory budget stated in the README
+
+
+def status_kb(pid, key):
+    with open("/proc/%d/status" % pid) as f:
+        return int(re.search(r"^%s:\s+(\d+) kB" % key, f.read(), re.M).group(1))
+
+
+def fastcgi_cpu(pid):
+    """CPU seconds of the daemon's FastCGI thread."""
+    for tid in os.listdir("/proc/%d/task" % pid):
+        with open("/proc/%d/task/%s/comm" % (pid, tid)) as f:
+            if f.read().strip() == "fastcgi":
+                with open("/proc/%d/task/%s/stat" % (pid, tid)) as f:
+                    fields = f.read().rsplit(")", 1)[1].split()
+                return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    raise AssertionError("no fastcgi thread")
+
+
+def send(peer, data):
+    """Sends what the daemon takes; it may close the connection halfway."""
+    try:
+        peer.sendall(data)
+    except OSError:
+        pass
+
+
+def closed_by_daemon(peer, timeout):
+    """Whether the daemon closes the connection within timeout; what it sent is read away."""
+    peer.settimeout(timeout)
+    try:
+        while peer.recv(65536):
+            pass
+    except socket.timeout:
+        return False
+    except ConnectionResetError:
+        pass
+    return True
+
+
+def daemon_connections():
+    """Established connections on the daemon's side of the FastCGI port."""
+    with open("/proc/net/tcp") as f:
+        rows = [line.split() for line in f.readlines()[1:]]
+    return sum(1 for row in rows if row[1].endswith(":%04X" % FCGI_PORT) and row[3] == "01")
+
+
+def test_fastcgi_port_under_attack(sandbox):
+    """The attacks of a device on the vehicle network that talks FastCGI to the port directly,
+    past nginx: nginx keeps being answered, memory stays within the budget, no spinning."""
+    network(sandbox)
+    # The MTU of an Ethernet link, so that small receive windows cut segments as on the wire.
+    subprocess.run(["ip", "link", "set", "lo", "mtu", "1500"], check=True)
+    bus = CanBus(sandbox)
+    sandbox.write_conf("tavro.conf", {"fcgi_port": FCGI_PORT})
+    for name in ("add", "remove", "get"):
+        sandbox.write_conf("%spgn.conf" % name, {"service_port": 8085,
+                                                 "service_path": "/fmstoip/%spgn" % name})
+    proc = start(sandbox, bus, counts="")
+    wait_for_port(FCGI_PORT)
+    nginx = Nginx(sandbox, FCGI_PORT)
+    target = ("10.20.0.1", FCGI_PORT)
+
+    def served():
+        for name, root in (("add", "PGNReq"), ("remove", "PGNRem")):
+            status = nginx.request("POST", "/fmstoip/%spgn" % name,
+                                   "<%s>FEF1</%s>" % (root, root))[0]
+            assert status == 200, (name, proc.stderr[-2000:])
+
+    for _ in range(20):
+        served()
+    rss_before = status_kb(proc.pid, "VmRSS") * 1024
+
+    def within_budget():
+        growth = status_kb(proc.pid, "VmHWM") * 1024 - rss_before
+        # The sanitizers keep freed memory in quarantine.
+        assert SANITIZED or growth < BUDGET, "RSS grew by %d bytes" % growth
+
+    # Lock-out: eight peers fill their requests to just under the bound of one connection and
+    # never end PARAMS, a ninth tops the total up to just under 8 MiB; each sends an 8-byte
+    # record now and then. First as the bytes on the wire and 1 KiB a request once counted
+    # (16 records), then as they count now (15), when the ninth goes beyond 8 MiB and the
+    # biggest holders are shed.
+    for records in (16, 15):
+        holders, counted = [], 0
+        for n in range(9):
+            peer = socket.create_connection(target)
+            peer.sendall(record(BEGIN, 1, BEGIN_KEEP))
+            top = [8 * 1024 * 1024 - counted - 1024 - 512 - 7] if records == 16 else []
+            for i, size in enumerate([65000] * records if n < 8 or not top else top):
+                content = pair(b"N%d" % i, b"v" * size)
+                send(peer, record(PARAMS, 1, content))
+                counted += len(content)
+            counted += 1024
+            holders.append(peer)
+        started = time.monotonic()
+        while time.monotonic() - started < 3:
+            served()
+            for peer in holders:
+                send(peer, record(GET_VALUES, 0))
+            time.sleep(0.2)
+        within_budget()
+        # No progress: the daemon closes them, whatever they send meanwhile.
+        assert all(closed_by_daemon(peer, 10 * SLOW) for peer in holders)
+        for peer in holders:
+            peer.close()
+        served()
+    for bound in ("its connection held more than 1048576", "all connections together held more "
+                  "than 8388608"):
+        assert "FastCGI request for \"\" ended: %s bytes. Connection closed." % bound in proc.stderr
+
+    # Memory amplification: nine connections, three requests each, every request ending
+    # PARAMS after about 320 KB of distinct 3-byte names with empty values.
+    names = (struct.pack(">I", k)[1:] for k in range(1 << 24))
+    params = b"".join(pair(next(names), b"") for _ in range(64000))
+    flooders = []
+    for _ in range(9):
+        peer = socket.create_connection(target)
+        for request_id in (1, 2, 3):
+            send(peer, record(BEGIN, request_id, BEGIN_KEEP))
+            for pos in range(0, len(params), 64000):
+                send(peer, record(PARAMS, request_id, params[pos:pos + 64000]))
+            send(peer, record(PARAMS, request_id))
+        flooders.append(peer)
+        served()
+    within_budget()
+    assert all(closed_by_daemon(peer, 10 * SLOW) for peer in flooders)
+    for peer in flooders:
+        peer.close()
+    served()
+
+    # Spinning: a peer with a 2 KB receive buffer sends a body for an unknown path, shuts its
+    # sending side and reads nothing.
+    peer = socket.socket()
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
+    peer.connect(target)
+    peer.sendall(record(BEGIN, 1, BEGIN_KEEP) + record(PARAMS, 1, pair(
+        b"REQUEST_URI", b"/fmstoip/nothing") + pair(b"SERVER_PORT", b"8085")) + record(PARAMS, 1))
+    for _ in range(40):
+        peer.sendall(record(STDIN, 1, b"s" * 4000))
+    peer.shutdown(socket.SHUT_WR)
+    time.sleep(0.5)
+    cpu, started = fastcgi_cpu(proc.pid), time.monotonic()
+    served()
+    time.sleep(3)
+    share = (fastcgi_cpu(proc.pid) - cpu) / (time.monotonic() - started)
+    assert share < 0.05, "FastCGI thread at %.0f %% of a CPU" % (100 * share)
+    # What is still to be sent has its time, then the connection goes.
+    assert closed_by_daemon(peer, 10 * SLOW)
+    peer.close()
+
+    # Answers nobody reads: a hundred peers (nginx's connections replace the quietest) fill
+    # the daemon's output with answers to management records and never take them.
+    mute = []
+    for _ in range(100):
+        peer = socket.socket()
+        peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
+        peer.setblocking(False)
+        peer.connect_ex(target)
+        mute.append(peer)
+    ask = record(GET_VALUES, 0, pair(b"FCGI_MAX_CONNS", b"")) * 200
+    ends = time.monotonic() + 3
+    while time.monotonic() < ends:
+        for peer in mute:
+            try:
+                peer.send(ask)
+            except OSError:
+                pass
+        served()
+    within_budget()
+    # Read nothing here: taking the answers would leave them idle connections (60 s).
+    deadline = time.monotonic() + 10 * SLOW
+    while (held := daemon_connections()) and time.monotonic() < deadline:
+        time.sleep(0.2)
+    assert held == 0, "%d connections left" % held
+    for peer in mute:
+        peer.close()
+    served()
+    proc.interrupt()
+    assert proc.wait(10) == 2
+
+
+@pytest.mark.parametrize("address", [None, "127.0.0.1"])
+def test_fcgi_address(sandbox, address):
+    """Without fcgi_address the port is open on every address, with it on that one only."""
+    network(sandbox)
+    bus = CanBus(sandbox)
+    general = {"fcgi_port": FCGI_PORT}
+    if address:
+        general["fcgi_address"] = address
+    sandbox.write_conf("tavro.conf", general)
+    start(sandbox, bus, counts="")
+    wait_for_port(FCGI_PORT)
+    reached = socket.socket().connect_ex(("10.20.0.1", FCGI_PORT))
+    assert reached == (errno.ECONNREFUSED if address else 0)
 
 
 def rss_kb(pid):
