@@ -126,7 +126,7 @@ TEST(GnssGenerator, OneHertzReportsStayValidAtAnyPhase) {
             lastReport = at;
         }
         std::sort(events.begin(), events.end(), [](const auto& a, const auto& b) {
-            return a.first < b.first || (a.first == b.first && a.second);
+            return a.first < b.first || (a.first == b.first && a.second && !b.second);
         });
         const GnssXMLGenerator::Clock::time_point start{std::chrono::hours(1)};
         std::vector<int> deadlines;
