@@ -39,7 +39,6 @@ bool storableKey(const std::string& key) {
     return true;
 }
 
-
 // The PGN of a text in the four-digit form ("FEF1").
 bool pgnNumber(const std::string& text, uint16_t& pgn) {
     if (text.size() != 4)

@@ -1,7 +1,7 @@
 #include "ModuleInventory.h"
 
-#include "Heartbeat.h"
 #include "AtomicFile.h"
+#include "Heartbeat.h"
 #include "Logger.h"
 #include "XmlText.h"
 
