@@ -1,4 +1,5 @@
 #include "Fmstoip.h"
+#include "FmstoipFcgi.h"
 
 #include "CanTestSupport.h"
 #include "TestSupport.h"
@@ -181,4 +182,73 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
         stalled.push(frame(0xFEF1, i));
     EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\nWARN: Dropped can frame!\n");
     EXPECT_EQ(stalled.pop()->getTimestamp(), 4u);
+}
+
+namespace {
+struct RecordingPgns : PGNHook {
+    void addPgn(const std::string& pgn) override { calls += "add " + pgn + "|"; }
+    void removePgn(const std::string& pgn) override { calls += "remove " + pgn + "|"; }
+    std::string getPgnDocument(const std::string& pgn) override {
+        calls += "get " + pgn + "|";
+        return pgn == "FEF1" ? "<FMStoIPDelivery/>" : "";
+    }
+    std::string calls;
+};
+} // namespace
+
+// Paths are compared get, add, remove, the first equal one deciding; every answer has its log.
+TEST(FmstoipFcgi, PathOrderAnswersAndLogLines) {
+    struct Case {
+        int paths;
+        std::string uri, body, status, log, calls;
+    };
+    const Case cases[] = {
+        {0, "/g", "<PGNGet>FEF1</PGNGet>", "200", "PGNGet : FEF1\nINFO: html ok.\n", "get FEF1|"},
+        {0, "/g", "<PGNGet> FEF1</PGNGet>", "408",
+         "PGNGet :  FEF1\nINFO: html error, no package. 408\n", "get  FEF1|"},
+        {0, "/g", "<PGNReq>F004</PGNReq>", "400",
+         "PGNReq : F004\nINFO: request: <PGNReq>F004</PGNReq> is invalid.\n"
+         "INFO: html req error. 400\n",
+         ""},
+        {0, "/r", "<PGNRem>F004</PGNRem>", "200", "PGNRem : F004\nINFO: html ok.\n",
+         "remove F004|"},
+        {1, "/p", "<PGNRem>F004</PGNRem>", "400",
+         "PGNRem : F004\nINFO: request: <PGNRem>F004</PGNRem> is invalid.\n"
+         "INFO: html req error. 400\n",
+         ""},
+        {1, "/p", "<PGNReq>F004</PGNReq>", "200", "PGNReq : F004\nINFO: html ok.\n", "add F004|"},
+        // No prefix matching; a cut-off body is no request.
+        {1, "/g/", "<PGNGet>FEF1</PGNGet>", "404",
+         "PGNGet : FEF1\nINFO: path: /g/ is invalid.\nINFO: html req error. 404\n", ""},
+        {1, "/g", "<PGNGet>FEF1", "400",
+         " : \nINFO: request: <PGNGet>FEF1 is invalid.\nINFO: html req error. 400\n", ""},
+    };
+    TempDir dir;
+    // Add, remove and get paths.
+    const std::vector<std::string> paths[] = {{"/g", "/r", "/g"}, {"/p", "/p", "/g"}};
+    for (const Case& c : cases) {
+        VerbosityScope quiet(-1);
+        const std::vector<std::string>& p = paths[c.paths];
+        FmstoipFcgi fcgi(Configuration(dir.write("a", "service_path=" + p[0])),
+                         Configuration(dir.write("r", "service_path=" + p[1])),
+                         Configuration(dir.write("g", "service_path=" + p[2])));
+        RecordingPgns pgns;
+        fcgi.set_pgn_hook(&pgns);
+        FastCGIServer::Request request;
+        request.params = {{"REQUEST_URI", c.uri}, {"REQUEST_METHOD", "POST"}};
+        // Parameters that are missing read as empty texts.
+        if (c.paths == 0)
+            request.params.insert({{"REMOTE_ADDR", "10.0.0.9"}, {"SERVER_PORT", "8085"}});
+        request.in = c.body;
+        VerbosityScope verbose(3);
+        StderrCapture capture;
+        EXPECT_EQ(fcgi.handle_data(request), 0);
+        EXPECT_EQ(fcgi.handle_complete(request), 0);
+        EXPECT_EQ(request.out.substr(0, 13), "Status: " + c.status + "\r\n") << c.body;
+        const std::string from = c.paths == 0 ? "10.0.0.9 on port 8085" : " on port ";
+        EXPECT_EQ(capture.text(), "INFO: handle_data request.in: " + c.body +
+                                      "\nINFO: html POST request from: " + from +
+                                      "\nINFO: path: " + c.uri + "\nINFO: " + c.log);
+        EXPECT_EQ(pgns.calls, c.calls) << c.body;
+    }
 }

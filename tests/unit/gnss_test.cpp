@@ -124,3 +124,47 @@ TEST(GnssReader, SendsTheWatchAndStopsOnASilentGpsd) {
     close(client);
     close(listener);
 }
+
+// The whole document, so that no misspelled name or misplaced element ships.
+TEST(GnssGenerator, DocumentsByteForByte) {
+    GnssXMLGenerator generator;
+    RecordingHook hook;
+    generator.setHook(&hook);
+    generator.appendNmea("$GPRMC,A*1F\r\n");
+    generator.setLatitude(33.8568, "S");
+    generator.setLongitude(151.2153, "E");
+    generator.setAltitude(58.126);
+    generator.setDateTime(1, 3, 2024, 9, 5, 8);
+    generator.setSpeed(0.5);
+    generator.setNumberOfSatellites(7);
+    generator.setHdop(0.9);
+    generator.setVdop(1.25);
+    generator.setTrack(271.3);
+    generator.deliverDocument();
+    // No new position: the system clock's time, and empty elements written out in full.
+    generator.deliverDocument();
+    auto document = [](const std::string& data, const std::string& timeAndDate,
+                       const std::string& speed, const std::string& quality,
+                       const std::string& satellites) {
+        return "<?xml version=\"1.0\"?><GNSSLocationDelivery version=\"1.1a\"><GNSSLocation>"
+               "<Data>" +
+               data +
+               "</Data><Latitude><Degree>33.8568</Degree><Direction>S"
+               "</Direction></Latitude><Longitude><Degree>151.215</Degree><Direction>E"
+               "</Direction></Longitude><Altitude>58.13</Altitude><Time>" +
+               timeAndDate + "</Date><SpeedOverGround>" + speed +
+               "</SpeedOverGround><SignalQuality>" + quality +
+               "</SignalQuality><NumberOfSatellites>" + satellites +
+               "</NumberOfSatellites><HorizontalDilutionOfPrecision>0.9"
+               "</HorizontalDilutionOfPrecision><VerticalDilutionOfPrecision>1.25"
+               "</VerticalDilutionOfPrecision><TrackDegreeTrue>271.3</TrackDegreeTrue>"
+               "<GNSSType>MixedGNSSTypes</GNSSType><GNSSCoordinateSystem>WGS84"
+               "</GNSSCoordinateSystem></GNSSLocation></GNSSLocationDelivery>";
+    };
+    ASSERT_EQ(hook.documents.size(), 2u);
+    EXPECT_EQ(hook.documents[0],
+              document("$GPRMC,A*1F", "08:05:09</Time><Date>2024-03-01", "0.5", "GPS", "7"));
+    const std::string clock =
+        element(hook.documents[1], "Time") + "</Time><Date>" + element(hook.documents[1], "Date");
+    EXPECT_EQ(hook.documents[1], document("", clock, "0", "NotValid", "1"));
+}
