@@ -369,14 +369,25 @@ TEST(Server, DescriptorsSelectCannotWatchAreRefused) {
         close(fd);
 }
 
-// Throws at the first body record.
-class ThrowingHook : public FcgiHook {
+// Writes its name and the body, or throws; the test sets its results.
+class NamedHook : public FcgiHook {
 public:
-    ThrowingHook() { registration.register_hook(this, 8085); }
-    int handle_data(Request&) override { throw std::runtime_error("hook failed"); }
-    int handle_complete(Request&) override { return 0; }
+    NamedHook(char name, uint16_t port) : name(name) { registration.register_hook(this, port); }
+    int handle_data(Request& request) override {
+        if (throws)
+            throw std::runtime_error("hook failed");
+        request.out += name + request.in;
+        return dataResult;
+    }
+    int handle_complete(Request& request) override {
+        request.out += name;
+        return completeResult;
+    }
 
-private:
+    const char name;
+    int dataResult = 0;
+    int completeResult = 0;
+    bool throws = false;
     FcgiHandler registration;
 };
 
@@ -400,7 +411,8 @@ bool waitFor(const std::function<bool()>& done) {
 
 TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
     const uint16_t port = freePort();
-    ThrowingHook hook;
+    NamedHook hook('t', 8085);
+    hook.throws = true;
     VerbosityScope verbose(3);
     StderrCapture capture;
     auto listening = [&] { return close(endpoint("", port)) == 0; };
@@ -451,25 +463,6 @@ TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
           "ERR : FastCGI server failed: accept() failed. Restarting it.\n"})
         EXPECT_NE(log.find(line), std::string::npos) << line;
 }
-
-// Writes its name and the body; the test sets its results.
-class NamedHook : public FcgiHook {
-public:
-    NamedHook(char name, uint16_t port) : name(name) { registration.register_hook(this, port); }
-    int handle_data(Request& request) override {
-        request.out += name + request.in;
-        return dataResult;
-    }
-    int handle_complete(Request& request) override {
-        request.out += name;
-        return completeResult;
-    }
-
-    const char name;
-    int dataResult = 0;
-    int completeResult = 0;
-    FcgiHandler registration;
-};
 
 TEST(FrontEnd, HooksOfTheRequestsPortInRegistrationOrder) {
     const uint16_t port = freePort();
