@@ -369,32 +369,52 @@ TEST(Server, DescriptorsSelectCannotWatchAreRefused) {
         close(fd);
 }
 
-// Throws at the first body record.
-class ThrowingHook : public FcgiHook {
+// Writes its name and the body, or throws; the test sets its results.
+class NamedHook : public FcgiHook {
 public:
-    ThrowingHook() { registration.register_hook(this, 8085); }
-    int handle_data(Request&) override { throw std::runtime_error("hook failed"); }
-    int handle_complete(Request&) override { return 0; }
+    NamedHook(char name, uint16_t port) : name(name) { registration.register_hook(this, port); }
+    int handle_data(Request& request) override {
+        if (throws)
+            throw std::runtime_error("hook failed");
+        request.out += name + request.in;
+        return dataResult;
+    }
+    int handle_complete(Request& request) override {
+        request.out += name;
+        return completeResult;
+    }
 
-private:
+    const char name;
+    int dataResult = 0;
+    int completeResult = 0;
+    bool throws = false;
     FcgiHandler registration;
 };
 
-TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
-    int fd = endpoint("", 0, true);
+namespace {
+// A loopback TCP port that was free a moment ago.
+uint16_t freePort() {
+    const int fd = endpoint("", 0, true);
     sockaddr_in address = {};
     socklen_t length = sizeof address;
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     close(fd);
-    const uint16_t port = ntohs(address.sin_port);
-    ThrowingHook hook;
+    return ntohs(address.sin_port);
+}
+
+bool waitFor(const std::function<bool()>& done) {
+    for (int i = 0; i < 250 && !done(); ++i)
+        usleep(20 * 1000);
+    return done();
+}
+} // namespace
+
+TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
+    const uint16_t port = freePort();
+    NamedHook hook('t', 8085);
+    hook.throws = true;
     VerbosityScope verbose(3);
     StderrCapture capture;
-    auto waitFor = [](const std::function<bool()>& done) {
-        for (int i = 0; i < 250 && !done(); ++i)
-            usleep(20 * 1000);
-        return done();
-    };
     auto listening = [&] { return close(endpoint("", port)) == 0; };
     const int blocker = endpoint("", port, true);
     FcgiHandler::start(port);
@@ -434,4 +454,43 @@ TEST(FrontEnd, FailuresAreLoggedAndServingGoesOn) {
                              "ERR : FastCGI server failed: hook failed. Restarting it.\n",
                              "ERR : FastCGI server failed: accept() failed. Restarting it.\n"})
         EXPECT_NE(log.find(line), std::string::npos) << line;
+}
+
+TEST(FrontEnd, HooksOfTheRequestsPortInRegistrationOrder) {
+    const uint16_t port = freePort();
+    auto a = std::make_unique<NamedHook>('a', 8085);
+    NamedHook b('b', 8086);
+    NamedHook c('c', 8085);
+    a->completeResult = 3;
+    c.completeResult = 4;
+    const std::string body = "A\xFF";
+    // The registry only changes while the front end is stopped.
+    auto ask = [&](const std::string& serverPort) {
+        FcgiHandler::start(port);
+        waitFor([port] { return close(endpoint("", port)) == 0; });
+        const std::string got =
+            exchange(request(paramsStream(1, "/pgn", serverPort), {body}), "", port);
+        FcgiHandler::stop();
+        return got;
+    };
+    // The web server logs the body, every byte one higher, from STDERR.
+    const std::string err = padded(STDERR, 1, std::string("B\0", 2));
+    // Data results -1 and 0 go on, the complete results add up.
+    a->dataResult = -1;
+    EXPECT_EQ(ask("8085"), padded(STDOUT, 1, "a" + body + "c" + body) + err +
+                               padded(STDOUT, 1, "ac") + ending(1, 7));
+    // 0 and 2 end the request before its body is complete.
+    a->dataResult = 0;
+    c.dataResult = 2;
+    EXPECT_EQ(ask("8085"), padded(STDOUT, 1, "a" + body + "c" + body) + err + ending(1, 1));
+    EXPECT_EQ(ask("8086"),
+              padded(STDOUT, 1, "b" + body) + err + padded(STDOUT, 1, "b") + ending(1, 0));
+    for (const char* none : {"8087", "", "http"})
+        EXPECT_EQ(ask(none), err + ending(1, 0)) << none;
+    // A hook that goes takes only its own entry; registering again moves a hook to the end.
+    a.reset();
+    b.registration.register_hook(&b, 8085);
+    c.dataResult = 0;
+    EXPECT_EQ(ask("8085"), padded(STDOUT, 1, "c" + body + "b" + body) + err +
+                               padded(STDOUT, 1, "cb") + ending(1, 4));
 }

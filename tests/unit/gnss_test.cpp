@@ -20,7 +20,7 @@ const std::string fix3d =
 const std::string sky = R"({"class":"SKY","hdop":0.9,"vdop":1.25,"satellites":[)"
                         R"({"used":true},{"used":true},{"used":false},{"PRN":4},{"used":true}]})";
 
-// The values of the next document, in order (the system clock's time as "now"), and the log.
+// The next document and the log.
 std::pair<std::string, std::string> handle(const std::vector<std::string>& lines, int level = 4) {
     GnssXMLGenerator generator;
     RecordingHook hook;
@@ -31,8 +31,13 @@ std::pair<std::string, std::string> handle(const std::vector<std::string>& lines
     for (const std::string& line : lines)
         EXPECT_NO_THROW(handleGpsdLine(line, *reader, generator)) << line;
     generator.deliverDocument();
+    return {hook.documents.at(0), capture.text()};
+}
+
+// The values of a document, in order, the system clock's time as "now".
+std::string values(const std::string& text) {
     pugi::xml_document document;
-    document.load_string(hook.documents.at(0).c_str());
+    document.load_string(text.c_str());
     std::string values;
     for (const pugi::xpath_node& leaf : document.select_nodes(
              "//GNSSLocation//*[not(*) and not(self::GNSSType or self::GNSSCoordinateSystem)]"))
@@ -41,18 +46,13 @@ std::pair<std::string, std::string> handle(const std::vector<std::string>& lines
     const size_t at = values.find(clock);
     if (at != std::string::npos)
         values.replace(at, clock.size(), "now");
-    return {values, capture.text()};
+    return values;
 }
 
 } // namespace
 
 TEST(GnssLines, ReportsAndSentencesGiveTheDocument) {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        // Sentences cut after the checksum (kept whole without one), in order; a fix with its
-        // satellites in use.
-        {{"$GPRMC,A*1F trailing\r\n", "$GPXYZ,no checksum\r\n", "$GPTXT,<&>*00\r\n", sky, fix3d},
-         "$GPRMC,A*1F$GPXYZ,no checksum$GPTXT,<&>*00|33.8568|S|151.215|E|58.13|08:05:09|"
-         "2024-03-01|0.5|GPS|3|0.9|1.25|271.3|"},
         // North and west; a 2D fix keeps the altitude of the 3D fix before it.
         {{fix3d, R"({"class":"TPV","mode":2,"lat":47.376887,"lon":-8.54,"alt":999,"speed":11,)"
                  R"("track":0,"time":"2025-01-23T12:00:03.000Z"})"},
@@ -68,7 +68,7 @@ TEST(GnssLines, ReportsAndSentencesGiveTheDocument) {
          "|0|N|0|E|0|now|0|NotValid|1|2|0|0|"},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(handle(c.first).first, c.second) << c.first.back();
+        EXPECT_EQ(values(handle(c.first).first), c.second) << c.first.back();
 }
 
 // Each bad line after a good fix: skipped whole, with its log line, nothing thrown.
@@ -186,4 +186,25 @@ TEST(GnssReader, SendsTheWatchAndStopsOnASilentGpsd) {
     EXPECT_EQ(sent, "?WATCH={\"class\":\"WATCH\", \"json\":true, \"nmea\":true};");
     close(client);
     close(listener);
+}
+
+// The whole document, so that no misspelled name or misplaced element ships: sentences cut
+// after the checksum (kept whole without one), in order; a fix with its satellites in use.
+TEST(GnssLines, TheWholeDocumentByteForByte) {
+    EXPECT_EQ(
+        handle(
+            {"$GPRMC,A*1F trailing\r\n", "$GPXYZ,no checksum\r\n", "$GPTXT,<&>*00\r\n", sky, fix3d})
+            .first,
+        "<?xml version=\"1.0\"?><GNSSLocationDelivery version=\"1.1a\"><GNSSLocation><Data>"
+        "$GPRMC,A*1F$GPXYZ,no checksum$GPTXT,&lt;&amp;&gt;*00</Data><Latitude><Degree>33.8568"
+        "</Degree><Direction>S</Direction></Latitude><Longitude><Degree>151.215</Degree>"
+        "<Direction>E</Direction></Longitude><Altitude>58.13</Altitude><Time>08:05:09</Time>"
+        "<Date>2024-03-01</Date><SpeedOverGround>0.5</SpeedOverGround><SignalQuality>GPS"
+        "</SignalQuality><NumberOfSatellites>3</NumberOfSatellites>"
+        "<HorizontalDilutionOfPrecision>0.9</HorizontalDilutionOfPrecision>"
+        "<VerticalDilutionOfPrecision>1.25</VerticalDilutionOfPrecision><TrackDegreeTrue>271.3"
+        "</TrackDegreeTrue><GNSSType>MixedGNSSTypes</GNSSType><GNSSCoordinateSystem>WGS84"
+        "</GNSSCoordinateSystem></GNSSLocation></GNSSLocationDelivery>");
+    // An empty text is still an element with a text child.
+    EXPECT_NE(handle({}).first.find("<Data></Data><Latitude>"), std::string::npos);
 }

@@ -1,10 +1,31 @@
 #include "MulticastSender.h"
+#include "NetHelpers.h"
 
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+
+TEST(NetHelpers, HexBitFieldsAndAnUnknownInterface) {
+    uint8_t payload[8];
+    storeU64(0x8877665544332211u, payload);
+    EXPECT_EQ(toHex(payload, 3), "112233");
+    EXPECT_EQ(toHex(payload, 0), "");
+    const uint8_t bytes[] = {0x00, 0xAB, 0x0F};
+    EXPECT_EQ(toHex(bytes, 3), "00AB0F");
+    const uint64_t raw = loadU64(payload);
+    // Width 0 reads nothing, wherever it is; width 64 the whole value, as a double.
+    EXPECT_EQ(bitFieldValue(raw, 0, 0, 2.0, -1.0), -1.0);
+    EXPECT_EQ(bitFieldValue(raw, 64, 0, 2.0, 0.5), 0.5);
+    EXPECT_EQ(bitFieldValue(raw, 0, 64, 1.0, 0.0), static_cast<double>(0x8877665544332211u));
+    EXPECT_EQ(bitFieldValue(~0ull, 0, 64, 0.5, 1.0), 0.5 * 18446744073709551615.0 + 1.0);
+    EXPECT_EQ(bitFieldValue(raw, 8, 8, 1.0, 0.0), 0x22);
+    EXPECT_EQ(bitFieldValue(raw, 60, 4, 0.25, 0.0), 2.0);
+    // The any address: a fit outgoing interface for multicast, and a readable "ifaddr: " line.
+    EXPECT_EQ(interfaceAddress("tavro-none0"), "0.0.0.0");
+    EXPECT_EQ(interfaceAddress("lo"), "127.0.0.1");
+}
 
 // In the host namespace datagrams only go out of loopback with TTL 0: they never leave the
 // kernel. Sending on a real interface, its failure and the recovery are in the system tests.
