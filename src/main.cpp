@@ -6,6 +6,7 @@
 #include "Logger.h"
 #include "ModuleInventory.h"
 #include "MqttBroker.h"
+#include "RealtimePriority.h"
 #include "ServiceManager.h"
 #include "TimeService.h"
 #include "Vtoip.h"
@@ -237,6 +238,7 @@ int main(int argc, char** argv) {
     }
 
     auto general = std::make_unique<Configuration>(configDir + "tavro.conf");
+    RealtimePriority::configure(*general);
     Services services;
     if (index == All || index == Inventory)
         startInventory(*general, services);

@@ -4,6 +4,7 @@
 #include "Heartbeat.h"
 #include "Logger.h"
 #include "NetHelpers.h"
+#include "RealtimePriority.h"
 
 #include <linux/can/raw.h>
 #include <net/if.h>
@@ -304,6 +305,7 @@ void CanHandler::closeSocket() {
 void CanHandler::readLoop() {
     // Names the thread in top -H and ps -L; the kernel keeps 15 characters.
     pthread_setname_np(pthread_self(), ("can " + interface).substr(0, 15).c_str());
+    RealtimePriority::apply();
     can_frame frame;
     memset(&frame, 0, sizeof frame);
     SocketAddress source;

@@ -5,6 +5,7 @@
 #include "JsonCanDecoder.h"
 #include "Logger.h"
 #include "NetHelpers.h"
+#include "RealtimePriority.h"
 #include "SPNNumeric.h"
 #include "SPNStatus.h"
 #include "SPNString.h"
@@ -251,6 +252,7 @@ void Fmstoip::forgetOldestWhole() {
 
 void Fmstoip::run() {
     pthread_setname_np(pthread_self(), "fmstoip");
+    RealtimePriority::apply();
     while (std::unique_ptr<DecodedFrame> frame = queue.pop()) {
         try {
             process(*frame);
