@@ -1,6 +1,6 @@
-// The FastCGI responder: one connection's records byte for byte without sockets, the server on
-// Unix-domain sockets, and the front end with its hooks on loopback TCP. Records are built here
-// apart from the server's own framing code, so that the tests compare the bytes on the wire.
+// The FastCGI responder: one connection's records byte for byte without sockets, then the
+// server and the front end with its hooks on loopback TCP. Records are built here apart from
+// the server's own framing code, so that the tests compare the bytes on the wire.
 
 #include "Connection.h"
 #include "FcgiHandler.h"
@@ -9,11 +9,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <stdexcept>
 
