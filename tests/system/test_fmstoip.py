@@ -17,20 +17,11 @@ COUNTER_FILE = COUNTER_DIR + "/pgn_counter"
 MAPPING = os.path.join(SOURCE_DIR, "tests", "data", "fms_mapping.json")
 
 FMS = {
-    "service_name": "tavro-fmstoip",
-    "service_type": "fmstoip",
-    "service_protocol": "udp",
-    "service_domain": "local",
-    "service_port": PORT,
-    "service_txtversion": 1,
-    "service_version": "1.0",
-    "multicast_addr": GROUP,
-    "network_interface": "v0",
-    "multicast_ttl": 1,
-    "pgn_counter_file": COUNTER_FILE,
-    "can_interface": "can0",
-    "mapping_file": MAPPING,
-    "period_ms": 0,
+    "service_name": "tavro-fmstoip", "service_type": "fmstoip", "service_protocol": "udp",
+    "service_domain": "local", "service_port": PORT, "service_txtversion": 1,
+    "service_version": "1.0", "multicast_addr": GROUP, "network_interface": "v0",
+    "multicast_ttl": 1, "pgn_counter_file": COUNTER_FILE, "can_interface": "can0",
+    "mapping_file": MAPPING, "period_ms": 0,
 }
 
 # CCVS: parking brake set, wheel speed 0x1480/256 km/h, the rest of the test mapping's rules.
@@ -108,8 +99,7 @@ def test_immediate_mode_sends_each_requested_frame(sandbox):
     assert first.startswith('<?xml version="1.0"?>\n<FMStoIPDelivery version="1.1a">\n'
                             '\t<FMStoIP FMSVersion="0000">\n\t\t<Frame Status="OK">\n'
                             '\t\t\t<PGN>FEF1</PGN>\n')
-    version, frames = frames_of(first)
-    ((pgn, data, relative, spns),) = frames
+    version, ((pgn, data, relative, spns),) = frames_of(first)
     assert (version, pgn, data, spns) == ("0000", "FEF1", "0480140000000000", CCVS_SPNS)
     # The reader's own kernel stamp; the peer's socket got its copy a moment apart (more on a
     # loaded machine). The VM check compares with the very same stamp, exactly.
