@@ -82,12 +82,24 @@ def frames_of(datagram):
     return fms.get("FMSVersion"), frames
 
 
+def policies(pid):
+    """{thread name: scheduling policy} of a process (1: SCHED_FIFO)."""
+    threads = {}
+    for tid in os.listdir("/proc/%d/task" % pid):
+        with open("/proc/%d/task/%s/stat" % (pid, tid)) as f:
+            stat = f.read()
+        name, rest = stat[stat.find("(") + 1:].rsplit(")", 1)
+        threads[name] = int(rest.split()[38])
+    return threads
+
+
 def test_immediate_mode_sends_each_requested_frame(sandbox):
     listener = network(sandbox)
     bus = CanBus(sandbox)
     bus.add("can0")
     peer = bus.receiver("can0")
-    start(sandbox, bus)
+    sandbox.write_conf("tavro.conf", {"realtime_priority": 1})
+    proc = start(sandbox, bus)
 
     play(bus, CCVS, EEC1, VERSION, (0x18FEF117, bytes(8)))
     got = listener.wait_for(2)
@@ -108,6 +120,9 @@ def test_immediate_mode_sends_each_requested_frame(sandbox):
     assert (version, pgn, data) == ("0402", "FEF1", "0000000000000000")
     assert abs(relative - stamps[3]) <= 50
     assert all(d[2] == 1 for d in got), "the configured TTL"
+    # Only the threads that carry frames are real-time.
+    threads = policies(proc.pid)
+    assert {n for n, p in threads.items() if p == 1} == {"can can0", "fmstoip"}, threads
 
 
 def test_counter_file_is_never_left_torn(sandbox):
