@@ -11,14 +11,13 @@ from canbus_peer import CanBus
 from sandbox import SOURCE_DIR
 from vehicle import install_conf
 
-# Frames that etc/vehicletoip-mapping.json reads, one line each: (candump frame, what it sets).
-TCO1 = "0CFE6CEE#021000000000590C"  # speed 3161/256 km/h, tachograph performance normal
-VDHR = "18FEC1EE#73600000F4010000"  # total 24691 x 5 m, trip 500 x 5 m
-DC1 = "18FE4E21#40FFFFFFFFFFFFFF"  # at least 1 bus door enabled
-BODY = "18FF1021#55FFFFFFFFFFFFFF"  # stop request, cab 1, high voltage, in service
+# Frames that etc/vehicletoip-mapping.json reads, and what they set.
+FRAMES = ["0CFE6CEE#021000000000590C",  # speed 3161/256 km/h, tachograph performance normal
+          "18FEC1EE#73600000F4010000",  # total 24691 x 5 m, trip 500 x 5 m
+          "18FE4E21#40FFFFFFFFFFFFFF",  # at least 1 bus door enabled
+          "18FF1021#55FFFFFFFFFFFFFF",  # stop request, cab 1, high voltage, in service
+          "18FDA521#1405FDFFFFFFFFFF"]  # doors 1 and 2 open
 DESCRIPTION = "18FF1121#005F0001FFFFFFFF"  # bus, 95 passengers, first of the set
-DOORS_1_2_OPEN = "18FDA521#1405FDFFFFFFFFFF"
-
 VALUES = {
     "Odospeed": "12.35", "Ododistancetotal": "123455", "Ododistance": "2500",
     "Odofault": "false", "DoorsStatus": "DoorUnlocked", "ActiveCabin": "Cab1",
@@ -52,7 +51,7 @@ def test_document_every_second_once_complete(sandbox):
         assert bus.play("-f", log) == (0, "Sent %d frames.\n" % len(frames), "")
 
     # Without the vehicle description three elements have no value yet: nothing is sent.
-    play(TCO1, VDHR, DC1, BODY, DOORS_1_2_OPEN)
+    play(*FRAMES)
     time.sleep(2.5)
     assert listener.payloads() == []
 
