@@ -81,12 +81,9 @@ TEST(GnssLines, ReportsAndSentencesGiveTheDocument) {
         // A time that cannot be read keeps the one before; a missing field reads as 0.
         {{fix3d, R"({"class":"TPV","mode":3,"lat":1,"lon":2,"time":"12:00:03"})"},
          "|1|N|2|E|0.00|08:05:09|2024-03-01|0|GPS|1|0|0|0|"},
-        // Bytes XML cannot carry in a sentence: one U+FFFD each.
+        // Bytes XML cannot carry in a sentence: one U+FFFD each. (A lost fix is in test_gnss.py.)
         {{"$GPTXT,K\xfchl\x01*00\r\n"},
          "$GPTXT,K\xEF\xBF\xBDhl\xEF\xBF\xBD*00|0|N|0|E|0|now|0|NotValid|1|0|0|0|"},
-        // No fix: nothing handed over. No satellite in use is written as one.
-        {{R"({"class":"TPV","mode":1})", R"({"class":"SKY","hdop":2,"satellites":[]})"},
-         "|0|N|0|E|0|now|0|NotValid|1|2|0|0|"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(values(handle(c.first).first), c.second) << c.first.back();
@@ -148,11 +145,13 @@ TEST(GnssGenerator, OneHertzReportsStayValidAtAnyPhase) {
                 continue;
             }
             generator.deliverDocument();
-            const std::string quality = element(hook.documents.back(), "SignalQuality");
-            if (at >= first && at <= last)
-                EXPECT_EQ(quality, "GPS") << "offset " << offset << ", document at " << at;
-            else if (at >= last + 2000)
-                EXPECT_EQ(quality, "NotValid") << "offset " << offset << ", document at " << at;
+            const char* expected = at >= first && at <= last ? "GPS"
+                                   : at >= last + 2000       ? "NotValid"
+                                                             : nullptr;
+            if (expected != nullptr) {
+                EXPECT_EQ(element(hook.documents.back(), "SignalQuality"), expected)
+                    << "offset " << offset << ", document at " << at;
+            }
         }
         EXPECT_EQ(hook.documents.size(), 24u);
     }

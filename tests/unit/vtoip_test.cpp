@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <thread>
 
 namespace {
 
@@ -98,10 +97,10 @@ TEST_F(VtoipTest, ElementCodesAndTheDocumentOfEachSecond) {
               "</VEHICLEtoIPDelivery>");
 }
 
-// Two interfaces feed one document through two readers. The first interface is shared with
-// another service (FMStoIP in tavro-all) that started its reader before and outlives this one:
-// hooks come and go while a reader runs, and the last one to leave stops it.
-TEST_F(VtoipTest, TwoReadersOneDocumentAndASharedReaderOutlivesTheService) {
+// The first interface is shared with another service (FMStoIP in tavro-all) that started its
+// reader before and outlives this one; the reader of the second stops with the service. Two
+// readers feeding one document are in test_vehicletoip.py.
+TEST_F(VtoipTest, ASharedReaderOutlivesTheService) {
     ASSERT_EQ(mkdir(bus.file("vtoip-a").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(bus.file("vtoip-b").c_str(), 0755), 0);
     const Configuration conf =
@@ -113,31 +112,14 @@ TEST_F(VtoipTest, TwoReadersOneDocumentAndASharedReaderOutlivesTheService) {
     shared->addDecoder(&other, &raw);
     ASSERT_EQ(shared->start(), 0);
     auto vtoip = std::make_unique<Vtoip>(conf);
-
-    const std::string player =
-        toolCommand("tavro-canplayer") + " -f " +
-        dir.write("frames.log", "(0.0) vtoip-a 0CFE6CEE#0210000000006B0C\n"
-                                "(0.0) vtoip-a 18FEC1EE#E95F0000F4010000\n"
-                                "(0.0) vtoip-a 18FE4E21#40FFFFFFFFFFFFFF\n"
-                                "(0.0) vtoip-b 18FF1021#55FFFFFFFFFFFFFF\n"
-                                "(0.0) vtoip-b 18FDA521#1405FDFFFFFFFFFF\n"
-                                "(0.0) vtoip-b 18FF1121#005F0001FFFFFFFF\n") +
-        " >/dev/null";
-    ASSERT_EQ(system(player.c_str()), 0);
-    std::string document;
-    for (int i = 0; i < 2000 && document.empty(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        document = vtoip->takeDocument();
-    }
-    // Complete: it has values from both interfaces.
-    EXPECT_NE(document.find("<Odospeed>12.42</Odospeed>"), std::string::npos) << document;
-    ASSERT_EQ(other.waitFor(3).size(), 3u);
-
+    EXPECT_TRUE(CanHandler::forInterface("vtoip-b")->isRunning());
     vtoip.reset();
     EXPECT_TRUE(shared->isRunning());
     EXPECT_FALSE(CanHandler::forInterface("vtoip-b")->isRunning());
-    ASSERT_EQ(system(player.c_str()), 0);
-    EXPECT_EQ(other.waitFor(6).size(), 6u);
+    // A frame for the mapping: had the service left its hook behind, it would be called.
+    const std::string log = dir.write("frames.log", "(0.0) vtoip-a 18FF1121#005F0001FFFFFFFF\n");
+    ASSERT_EQ(system((toolCommand("tavro-canplayer") + " -f " + log + " >/dev/null").c_str()), 0);
+    EXPECT_EQ(other.waitFor(1).size(), 1u);
     shared->release(&other);
     EXPECT_FALSE(shared->isRunning());
 }
