@@ -4,37 +4,29 @@
 
 #include "Logger.h"
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 namespace {
-class DiscardingHook : public XMLHook {
-public:
+struct DiscardingHook : XMLHook {
     void deliver(std::stringstream& document) override { size += document.str().size(); }
     size_t size = 0;
 };
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static GnssXMLGenerator generator;
     static DiscardingHook hook;
+    static GnssXMLGenerator generator;
     static const std::unique_ptr<Json::CharReader> reader(newGpsdReader());
-    static bool ready = false;
-    if (!ready) {
-        generator.setHook(&hook);
-        verbosity = -1;
-        ready = true;
-    }
+    verbosity = -1;
+    generator.setHook(&hook);
     const std::string input(reinterpret_cast<const char*>(data), size);
-    size_t begin = 0;
-    while (begin < input.size()) {
-        size_t end = input.find('\n', begin);
-        end = end == std::string::npos ? input.size() : end + 1;
+    for (size_t begin = 0, end = 0; begin < input.size(); begin = end) {
+        end = std::min(input.find('\n', begin), input.size() - 1) + 1;
         handleGpsdLine(input.substr(begin, end - begin), *reader, generator);
         generator.deliverDocument();
-        begin = end;
     }
     return 0;
 }

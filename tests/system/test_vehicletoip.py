@@ -11,14 +11,13 @@ from canbus_peer import CanBus
 from sandbox import SOURCE_DIR
 from vehicle import install_conf
 
-# Frames that etc/vehicletoip-mapping.json reads, one line each: (candump frame, what it sets).
-TCO1 = "0CFE6CEE#021000000000590C"  # speed 3161/256 km/h, tachograph performance normal
-VDHR = "18FEC1EE#73600000F4010000"  # total 24691 x 5 m, trip 500 x 5 m
-DC1 = "18FE4E21#40FFFFFFFFFFFFFF"  # at least 1 bus door enabled
-BODY = "18FF1021#55FFFFFFFFFFFFFF"  # stop request, cab 1, high voltage, in service
-DESCRIPTION = "18FF1121#005F0001FFFFFFFF"  # bus, 95 passengers, first of the set
-DOORS_1_2_OPEN = "18FDA521#1405FDFFFFFFFFFF"
-
+# Frames that etc/vehicletoip-mapping.json reads, on two interfaces, and what they set.
+FRAMES = ["vcan0 0CFE6CEE#021000000000590C",  # speed 3161/256 km/h, tachograph normal
+          "vcan0 18FEC1EE#73600000F4010000",  # total 24691 x 5 m, trip 500 x 5 m
+          "vcan1 18FE4E21#40FFFFFFFFFFFFFF",  # at least 1 bus door enabled
+          "vcan1 18FF1021#55FFFFFFFFFFFFFF",  # stop request, cab 1, high voltage, in service
+          "vcan1 18FDA521#1405FDFFFFFFFFFF"]  # doors 1 and 2 open
+DESCRIPTION = "vcan0 18FF1121#005F0001FFFFFFFF"  # bus, 95 passengers, first of the set
 VALUES = {
     "Odospeed": "12.35", "Ododistancetotal": "123455", "Ododistance": "2500",
     "Odofault": "false", "DoorsStatus": "DoorUnlocked", "ActiveCabin": "Cab1",
@@ -36,23 +35,24 @@ def parse(datagram):
     return stamp, values, doors
 
 
-def test_document_every_second_once_complete(sandbox):
+def test_one_document_of_two_interfaces_every_second_once_complete(sandbox):
     sandbox.veth()
     listener = sandbox.listen("239.1.1.12", 50012, "10.20.0.1")
     bus = CanBus(sandbox)
     bus.add("vcan0")
+    bus.add("vcan1")
     shutil.copy(os.path.join(SOURCE_DIR, "etc", "vehicletoip-mapping.json"), "/etc/tavro/")
     sandbox.write_conf("tavro.conf", {"network_interface": "v0"})
-    install_conf("vehicletoip.conf", {"can_interface": "vcan0"})
+    install_conf("vehicletoip.conf", {"can_interface": "vcan0,vcan1"})
     proc = sandbox.tavro("vehicletoip", "-vv", env=bus.env)
-    proc.wait_for(r"^DBG : Start can thread\.$")
+    proc.wait_for(r"^DBG : Start can thread\.$", count=2)
 
     def play(*frames):
-        log = bus.write_log("frames.log", ["(0.0) vcan0 " + f for f in frames])
+        log = bus.write_log("frames.log", ["(0.0) " + f for f in frames])
         assert bus.play("-f", log) == (0, "Sent %d frames.\n" % len(frames), "")
 
     # Without the vehicle description three elements have no value yet: nothing is sent.
-    play(TCO1, VDHR, DC1, BODY, DOORS_1_2_OPEN)
+    play(*FRAMES)
     time.sleep(2.5)
     assert listener.payloads() == []
 

@@ -57,8 +57,7 @@ inline const SPNString& text(const DecodedFrame& frame, size_t i) {
 }
 
 // Keeps a copy of every frame it is handed; safe for several reader threads.
-class RecordingHook : public CanHook {
-public:
+struct RecordingHook : CanHook {
     void handleFrame(DecodedFrame* frame) override {
         std::lock_guard<std::mutex> lock(mutex);
         frames.push_back(*frame);
@@ -70,18 +69,10 @@ public:
         arrived.wait_for(lock, std::chrono::seconds(20), [&] { return frames.size() >= n; });
         return frames;
     }
-
-private:
     std::mutex mutex;
     std::condition_variable arrived;
     std::vector<DecodedFrame> frames;
 };
-
-inline uint64_t wallMillis() {
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::system_clock::now().time_since_epoch())
-                                     .count());
-}
 
 inline std::string testData(const std::string& name) {
     return std::string(TAVRO_TEST_DATA) + "/" + name;

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <cmath>
 
 namespace {
 
@@ -27,11 +27,6 @@ void feed(Vtoip& vtoip, std::initializer_list<Signal> signals) {
         frame.addSpn(spn);
     }
     vtoip.handleFrame(&frame);
-}
-
-// What follows the time stamp.
-std::string afterStamp(const std::string& document) {
-    return document.substr(std::min(document.size(), document.find("</RecordedAtTime>")));
 }
 
 // No "service_port": the publisher stays silent, and D-Bus points at nothing should that
@@ -86,26 +81,26 @@ TEST_F(VtoipTest, ElementCodesAndTheDocumentOfEachSecond) {
         EXPECT_EQ(vtoip.takeDocument(), "");
         feed(vtoip, {element});
     }
-    const std::string document = afterStamp(vtoip.takeDocument());
-    EXPECT_EQ(document, "</RecordedAtTime><Odospeed>12.35</Odospeed><Ododistancetotal>123456"
-                        "</Ododistancetotal><Ododistance>42</Ododistance><Odofault>true</Odofault>"
-                        "<DoorsStatus>DoorOpen</DoorsStatus><DoorsControl><Door><DoorID>3</DoorID>"
-                        "<DoorStatus>Closed</DoorStatus></Door><Door><DoorID>12</DoorID>"
-                        "<DoorStatus>Open</DoorStatus></Door></DoorsControl><ActiveCabin>Cab2"
-                        "</ActiveCabin><PresenceHV>true</PresenceHV><StopRequest>false"
-                        "</StopRequest><VehicleType>Tram</VehicleType><VehicleCapacity>180"
-                        "</VehicleCapacity><VehicleNumber>1234</VehicleNumber><VehicleMode>true"
-                        "</VehicleMode><VehicleOrder>-2</VehicleOrder></VEHICLEtoIP>"
-                        "</VEHICLEtoIPDelivery>");
-    // Each document lists only the doors reported since the one before.
-    EXPECT_EQ(afterStamp(vtoip.takeDocument()),
-              document.substr(0, document.find("<DoorsControl>")) + "<DoorsControl/>" +
-                  document.substr(document.find("<ActiveCabin>")));
+    // What follows the time stamp; the doors reported since the document before are in
+    // test_vehicletoip.py.
+    const std::string document = vtoip.takeDocument();
+    EXPECT_EQ(document.substr(std::min(document.size(), document.find("</RecordedAtTime>"))),
+              "</RecordedAtTime><Odospeed>12.35</Odospeed><Ododistancetotal>123456"
+              "</Ododistancetotal><Ododistance>42</Ododistance><Odofault>true</Odofault>"
+              "<DoorsStatus>DoorOpen</DoorsStatus><DoorsControl><Door><DoorID>3</DoorID>"
+              "<DoorStatus>Closed</DoorStatus></Door><Door><DoorID>12</DoorID>"
+              "<DoorStatus>Open</DoorStatus></Door></DoorsControl><ActiveCabin>Cab2"
+              "</ActiveCabin><PresenceHV>true</PresenceHV><StopRequest>false"
+              "</StopRequest><VehicleType>Tram</VehicleType><VehicleCapacity>180"
+              "</VehicleCapacity><VehicleNumber>1234</VehicleNumber><VehicleMode>true"
+              "</VehicleMode><VehicleOrder>-2</VehicleOrder></VEHICLEtoIP>"
+              "</VEHICLEtoIPDelivery>");
 }
 
-// Two interfaces feed one document through two readers. The first interface is shared with
-// another service (FMStoIP in tavro-all) that started its reader before and outlives this one.
-TEST_F(VtoipTest, TwoReadersOneDocumentAndASharedReaderOutlivesTheService) {
+// The first interface is shared with another service (FMStoIP in tavro-all) that started its
+// reader before and outlives this one; the reader of the second stops with the service. Two
+// readers feeding one document are in test_vehicletoip.py.
+TEST_F(VtoipTest, ASharedReaderOutlivesTheService) {
     ASSERT_EQ(mkdir(bus.file("vtoip-a").c_str(), 0755), 0);
     ASSERT_EQ(mkdir(bus.file("vtoip-b").c_str(), 0755), 0);
     const Configuration conf =
@@ -117,34 +112,16 @@ TEST_F(VtoipTest, TwoReadersOneDocumentAndASharedReaderOutlivesTheService) {
     shared->addDecoder(&other, &raw);
     ASSERT_EQ(shared->start(), 0);
     auto vtoip = std::make_unique<Vtoip>(conf);
-
-    const std::string player =
-        toolCommand("tavro-canplayer") + " -f " +
-        dir.write("frames.log", "(0.0) vtoip-a 0CFE6CEE#0210000000006B0C\n"
-                                "(0.0) vtoip-a 18FEC1EE#E95F0000F4010000\n"
-                                "(0.0) vtoip-a 18FE4E21#40FFFFFFFFFFFFFF\n"
-                                "(0.0) vtoip-b 18FF1021#55FFFFFFFFFFFFFF\n"
-                                "(0.0) vtoip-b 18FDA521#1405FDFFFFFFFFFF\n"
-                                "(0.0) vtoip-b 18FF1121#005F0001FFFFFFFF\n") +
-        " >/dev/null";
-    ASSERT_EQ(system(player.c_str()), 0);
-    std::string document;
-    for (int i = 0; i < 2000 && document.empty(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        document = vtoip->takeDocument();
-    }
-    for (const std::string part : {"<Odospeed>12.42</Odospeed><Ododistancetotal>122765<",
-                                   "<VehicleCapacity>95</VehicleCapacity>",
-                                   "<DoorsControl><Door><DoorID>1</DoorID><DoorStatus>Open<"})
-        EXPECT_NE(document.find(part), std::string::npos) << part << " in " << document;
-    ASSERT_EQ(other.waitFor(3).size(), 3u);
-
+    EXPECT_TRUE(CanHandler::forInterface("vtoip-b")->isRunning());
     vtoip.reset();
     EXPECT_TRUE(shared->isRunning());
     EXPECT_FALSE(CanHandler::forInterface("vtoip-b")->isRunning());
-    ASSERT_EQ(system(player.c_str()), 0);
-    EXPECT_EQ(other.waitFor(6).size(), 6u);
+    // A frame for the mapping: had the service left its hook behind, it would be called.
+    const std::string log = dir.write("frames.log", "(0.0) vtoip-a 18FF1121#005F0001FFFFFFFF\n");
+    ASSERT_EQ(system((toolCommand("tavro-canplayer") + " -f " + log + " >/dev/null").c_str()), 0);
+    EXPECT_EQ(other.waitFor(1).size(), 1u);
     shared->release(&other);
+    EXPECT_FALSE(shared->isRunning());
 }
 
 // The "data" key only, numeric rules on whole bytes; transport frames are taken, not shared,
@@ -165,12 +142,10 @@ TEST(VtoIpDecoder, DataRulesAndTransportMessages) {
     EXPECT_FALSE(decode(decoder, bamAnnounce(65260, 18, 3)));
     EXPECT_FALSE(decode(decoder, bamPacket(1, vin.substr(0, 7))));
     EXPECT_FALSE(decode(decoder, bamPacket(2, vin.substr(7, 7))));
-    const can_frame last = bamPacket(3, vin.substr(14));
-    frame = decode(decoder, last);
+    frame = decode(decoder, bamPacket(3, vin.substr(14)));
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->getPgn(), 65260);
     ASSERT_EQ(frame->getDataLength(), 8u);
-    EXPECT_EQ(memcmp(frame->getData(), last.data, 8), 0);
     EXPECT_EQ(text(*frame, 0).getValue(), "WMA06XZZ1KP012345");
     EXPECT_EQ(numeric(*frame, 1).getValue(), 3); // byte 0 of the packet: its sequence number
 
@@ -179,4 +154,34 @@ TEST(VtoIpDecoder, DataRulesAndTransportMessages) {
     frame = decode(decoder, bamPacket(2, "89ABCDE"));
     ASSERT_TRUE(frame);
     EXPECT_EQ(frame->getPgn(), 0);
+}
+
+// Codes beyond a value table read as its last entry; distances are bounded to 32 bits.
+TEST(VtoIPXMLGenerator, ValueTablesAndDistanceBounds) {
+    VtoIPXMLGenerator g;
+    const struct {
+        uint32_t code;
+        const char *doors, *cabin, *type;
+    } tables[] = {{0, "AllDoorsClosedLocked", "NoCab", "Bus"},
+                  {1, "DoorUnlocked", "Cab1", "Tram"},
+                  {2, "DoorOpen", "Cab2", "Ferry"},
+                  {4294967295u, "DoorOpen", "Cab2", "Ferry"}};
+    const auto has = [&g](const std::string& name, const std::string& text) {
+        return g.toString().find("<" + name + ">" + text + "</") != std::string::npos;
+    };
+    for (const auto& c : tables) {
+        g.setDoorsStatus(c.code);
+        g.setActiveCabin(c.code);
+        g.setVehicleType(c.code);
+        EXPECT_TRUE(has("DoorsStatus", c.doors) && has("ActiveCabin", c.cabin) &&
+                    has("VehicleType", c.type))
+            << c.code << ": " << g.toString();
+    }
+    const std::pair<double, const char*> distances[] = {
+        {-3.5, "0"}, {4294967296.0, "4294967295"}, {std::nan(""), "0"}};
+    for (const auto& d : distances) {
+        g.setOdodistancetotal(d.first);
+        g.setOdodistance(d.first);
+        EXPECT_TRUE(has("Ododistancetotal", d.second) && has("Ododistance", d.second)) << d.first;
+    }
 }
