@@ -382,6 +382,9 @@ void CanHandler::readLoop() {
 }
 
 void CanHandler::dispatch(const can_frame& frame, uint64_t timestamp) {
+    // The hooks log under hookMutex and locks of their own, which other readers and services
+    // wait for: the logger's thread does the writing.
+    LogLine::Deferral deferral;
     std::lock_guard<std::mutex> lock(hookMutex);
     try {
         for (auto& [hook, decoders] : hooks) {

@@ -23,6 +23,9 @@ const int syslogPriorities[5] = {LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG
 // Distinct lines tracked at once; lines beyond are printed untracked, so texts that carry
 // changing values cannot make the table grow.
 constexpr size_t maxTrackedLines = 64;
+// Lines handed to the logger's thread and not printed yet; beyond, the caller prints itself.
+constexpr size_t maxDeferredLines = 256;
+thread_local int deferring = 0;
 
 using Clock = std::chrono::steady_clock;
 
@@ -39,9 +42,10 @@ struct RepeatTable {
     std::chrono::milliseconds window{10000};
     unsigned long long lineCount = 0;
     std::unordered_map<std::string, std::pair<int, Repeat>> lines;
-    // Wakes the flusher when a line is first counted.
+    // Wakes the flusher when a line is first counted or deferred.
     std::condition_variable counted;
     bool flusherStarted = false;
+    std::vector<std::pair<int, std::string>> deferred;
 };
 
 RepeatTable& repeatTable() {
@@ -86,6 +90,20 @@ void takeEnded(RepeatTable& table, Clock::time_point now, bool all,
 }
 
 void emit(int level, const std::string& line);
+void flusherMain();
+
+// Under the table's mutex. False when no thread could be started: the caller prints itself,
+// and summaries then come with the next line after the window.
+bool startFlusher(RepeatTable& table) {
+    if (!table.flusherStarted) {
+        try {
+            std::thread(flusherMain).detach();
+            table.flusherStarted = true;
+        } catch (const std::system_error&) {
+        }
+    }
+    return table.flusherStarted;
+}
 
 // Prints each summary when its window ends, also when nothing else is logged. Runs for the
 // life of the process, like the table.
@@ -94,6 +112,15 @@ void flusherMain() {
     std::vector<std::pair<int, std::string>> out;
     std::unique_lock<std::mutex> lock(table.mutex);
     for (;;) {
+        if (!table.deferred.empty()) {
+            out.swap(table.deferred);
+            lock.unlock();
+            for (const auto& line : out)
+                emit(line.first, line.second);
+            out.clear();
+            lock.lock();
+            continue;
+        }
         bool waiting = false;
         Clock::time_point due;
         for (const auto& entry : table.lines) {
@@ -159,6 +186,7 @@ void LogLine::flushRepeats() {
     RepeatTable& table = repeatTable();
     {
         std::lock_guard<std::mutex> lock(table.mutex);
+        out.swap(table.deferred);
         takeEnded(table, Clock::now(), true, out);
     }
     for (const auto& line : out)
@@ -181,24 +209,30 @@ LogLine::~LogLine() {
         takeEnded(table, now, false, out);
         auto seen = table.lines.find(line);
         if (seen != table.lines.end()) {
-            if (++seen->second.second.count == 1) {
-                if (!table.flusherStarted) {
-                    try {
-                        std::thread(flusherMain).detach();
-                        table.flusherStarted = true;
-                    } catch (const std::system_error&) {
-                        // Summaries then come with the next line after the window.
-                    }
-                }
+            if (++seen->second.second.count == 1 && startFlusher(table))
                 table.counted.notify_one();
-            }
         } else {
             // Debug lines are a trace someone asked for: each one counts.
             if (table.window.count() > 0 && level < 4 && table.lines.size() < maxTrackedLines)
                 table.lines.emplace(line, std::make_pair(level, Repeat{now, 0, ++table.lineCount}));
             out.emplace_back(level, std::move(line));
         }
+        if (deferring > 0 && !out.empty() &&
+            table.deferred.size() + out.size() <= maxDeferredLines && startFlusher(table)) {
+            for (auto& entry : out)
+                table.deferred.push_back(std::move(entry));
+            out.clear();
+            table.counted.notify_one();
+        }
     }
     for (const auto& entry : out)
         emit(entry.first, entry.second);
+}
+
+LogLine::Deferral::Deferral() {
+    ++deferring;
+}
+
+LogLine::Deferral::~Deferral() {
+    --deferring;
 }

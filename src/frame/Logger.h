@@ -34,8 +34,20 @@ public:
     // Sets the window in which repeats are counted instead of printed, and returns the previous
     // one. 0 prints every line.
     static std::chrono::milliseconds setRepeatWindow(std::chrono::milliseconds window);
-    // Prints the summaries of all counted repeats at once, as at the end of their windows.
+    // Prints the summaries of all counted repeats at once, as at the end of their windows, and
+    // the lines still waiting for the logger's thread.
     static void flushRepeats();
+
+    // While one exists on a thread, that thread's lines are handed to the logger's thread
+    // instead of being written by it: for code that holds a lock other threads wait for (a CAN
+    // reader's dispatch), which must not wait for a slow syslog or a full stderr pipe.
+    class Deferral {
+    public:
+        Deferral();
+        ~Deferral();
+        Deferral(const Deferral&) = delete;
+        Deferral& operator=(const Deferral&) = delete;
+    };
 
 private:
     int level;
