@@ -196,6 +196,13 @@ void releaseServices(Services& services) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // SIGINT and SIGTERM are for the main thread's pause(): every thread started from here on
+    // inherits them blocked. Taken by another thread, a signal would leave main paused for ever.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     const std::vector<std::string> pathPieces = splitString(argc > 0 ? argv[0] : "", '/');
     // openlog keeps the pointer: the ident lives until main returns.
     const std::string invocation = pathPieces.empty() ? std::string() : pathPieces.back();
@@ -258,6 +265,7 @@ int main(int argc, char** argv) {
     signal(SIGINT, onSignal);
     // How init systems stop a daemon.
     signal(SIGTERM, onSignal);
+    pthread_sigmask(SIG_UNBLOCK, &stopSignals, nullptr);
     const ServiceManager manager;
     manager.notify("READY=1");
     manager.waitFor(caughtSignal);

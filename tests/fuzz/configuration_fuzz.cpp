@@ -8,30 +8,23 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cctype>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 namespace {
 
-bool blankFree(const std::string& text) {
-    for (char c : text)
-        if (std::isspace(static_cast<unsigned char>(c)))
-            return false;
-    return true;
-}
+// isspace() of the C locale: the reader drops all of it.
+const std::string blanks = " \t\n\v\f\r";
 
 void check(const Configuration& conf) {
     for (const std::string& key : conf.keys()) {
-        if (!blankFree(key) || key.find_first_of("#=") != std::string::npos)
-            abort();
         const std::vector<std::string>& values = conf.getList(key);
-        if (values.empty() || !conf.hasKey(key) || conf.getString(key) != values.front())
+        if (key.find_first_of(blanks + "#=") != std::string::npos || values.empty() ||
+            !conf.hasKey(key) || conf.getString(key) != values.front())
             abort();
         for (const std::string& value : values)
-            if (!blankFree(value) || value.find_first_of("#,") != std::string::npos)
+            if (value.find_first_of(blanks + "#,") != std::string::npos)
                 abort();
     }
 }

@@ -16,7 +16,7 @@ import pytest
 
 from avahi_peer import parse_resolved
 from canbus_peer import CAN_EFF_FLAG, CAN_RTR_FLAG
-from sandbox import SANITIZED, SLOW, SOURCE_DIR, Sandbox, run
+from sandbox import SANITIZED, SLOW, Sandbox, run
 from vehicle import Vehicle
 
 MARKER = "/tmp/status/watchdog/services-dead"
@@ -35,26 +35,20 @@ STALLED = (r"^WARN: Thread (fastcgi|fmstoip) \(\d+\) has made no progress for [\
 AGAIN = r"^NOTE: Thread (fastcgi|fmstoip) \(\d+\) makes progress again\.$"
 
 
-class ServiceManager:
+class ServiceManager(threading.Thread):
     """What a service manager hears on NOTIFY_SOCKET (an abstract socket, as "@name")."""
 
     def __init__(self):
-        name = "tavro-test-notify-%d" % os.getpid()
-        self.address = "@" + name
+        super().__init__(daemon=True)
+        self.address = "@tavro-test-notify-%d" % os.getpid()
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind("\0" + name)
-        self.sock.settimeout(0.1)
+        self.sock.bind("\0" + self.address[1:])
         self.notices = []  # (monotonic time, text)
-        self._stop = False
-        self._thread = threading.Thread(target=self._loop, daemon=True)
-        self._thread.start()
+        self.start()
 
-    def _loop(self):
-        while not self._stop:
-            try:
-                self.notices.append((time.monotonic(), self.sock.recv(4096).decode()))
-            except socket.timeout:
-                pass
+    def run(self):
+        while True:
+            self.notices.append((time.monotonic(), self.sock.recv(4096).decode()))
 
     def since(self, start):
         return [text for when, text in list(self.notices) if when >= start]
@@ -64,11 +58,6 @@ class ServiceManager:
         while text not in self.since(start):
             assert time.monotonic() < deadline, "no %s since then: %r" % (text, self.since(start))
             time.sleep(0.1)
-
-    def close(self):
-        self._stop = True
-        self._thread.join(2)
-        self.sock.close()
 
 
 @pytest.fixture(scope="module")
@@ -83,17 +72,11 @@ def car(tmp_path_factory):
         yield vehicle
     finally:
         sandbox.close()
-        manager.close()
 
 
 def announced(host=None):
     out = (host.run if host else run)("avahi-browse", "-rptak", check=False)
     return {(r.name, r.type): r for r in map(parse_resolved, out.splitlines()) if r}
-
-
-def fresh(car, root, part, timeout=10.0):
-    car.listeners[root].clear()
-    return car.listeners[root].wait_for(1, timeout, lambda d: part in d)[0][1]
 
 
 def expected_announcements(car):
@@ -109,9 +92,11 @@ def serves_everything(car):
     while {k: r.port for k, r in announced().items()} != expected:
         assert time.monotonic() < deadline, "announced: %r" % announced()
         time.sleep(0.5)
-    fresh(car, "FMStoIPDelivery", b"<PGN>FEF1</PGN>")
-    fresh(car, "VEHICLEtoIPDelivery", b"<VehicleCapacity>95</VehicleCapacity>")
-    fresh(car, "GNSSLocationDelivery", b"<SignalQuality>GPS</SignalQuality>", timeout=15)
+    for root, part in (("FMStoIPDelivery", b"<PGN>FEF1</PGN>"),
+                       ("VEHICLEtoIPDelivery", b"<VehicleCapacity>95</VehicleCapacity>"),
+                       ("GNSSLocationDelivery", b"<SignalQuality>GPS</SignalQuality>")):
+        car.listeners[root].clear()
+        car.listeners[root].wait_for(1, 15, lambda d: part in d)
     status, kind, body = car.request("get", "FEF1")
     assert (status, kind) == (200, "text/xml") and "<PGN>FEF1</PGN>" in body
 
@@ -131,8 +116,8 @@ def test_every_service_in_one_process(car):
 
 
 def test_frames_of_every_pdu_format_length_and_kind(car):
-    """Records no player would send: every PF, length codes up to 15, remote and error frames,
-    standard identifiers, and a transport message far longer than J1939 allows."""
+    # Records no player would send: every PF, length codes up to 15, remote and error frames,
+    # standard identifiers, and a transport message far longer than J1939 allows.
     rng = random.Random(7)
     records = [(0x1CECFF00 | CAN_EFF_FLAG, 8, bytes([0x20, 255, 255, 255, 255, 0xEC, 0xFE, 0]))]
     records += [(0x1CEBFF00 | CAN_EFF_FLAG, 8, bytes([i % 256]) + b"*" * 7) for i in range(600)]
@@ -195,10 +180,8 @@ def test_ready_and_watchdog_fed_until_a_thread_hangs(car):
     time.sleep(WATCHDOG * 3 / 4)
     assert "WATCHDOG=1" not in car.manager.since(start)
     # A reader lets the write go on; syncing a FIFO fails, so the counter file stays as it was.
-    fifo = os.open(counter + ".tmp", os.O_RDONLY)
-    while os.read(fifo, 4096):
-        pass
-    os.close(fifo)
+    with open(counter + ".tmp", "rb") as fifo:
+        fifo.read()
     car.tavro.wait_for(AGAIN, timeout=WATCHDOG / SLOW)
     car.manager.wait_for("WATCHDOG=1", time.monotonic(), WATCHDOG)
     assert Path(counter).read_text() == before and not os.path.exists(counter + ".tmp")
@@ -225,19 +208,6 @@ def test_gpsd_killed_and_restarted(car):
     car.gpsd.proc.stop(signal.SIGKILL)
     car.tavro.wait_for(r"^NOTE: Reading from socket failed\.$", count=failures + 1)
     car.gpsd.start()
-    serves_everything(car)
-
-
-def test_fastcgi_streams_of_the_fuzz_corpus(car):
-    for path in sorted(Path(SOURCE_DIR, "tests", "fuzz", "corpus", "fastcgi").iterdir()):
-        with socket.create_connection(("127.0.0.1", car.fcgi_port), timeout=2 * SLOW) as peer:
-            peer.sendall(path.read_bytes())
-            peer.shutdown(socket.SHUT_WR)
-            try:
-                while peer.recv(65536):
-                    pass
-            except socket.timeout:
-                pass  # a request still waiting for the rest of its body
     serves_everything(car)
 
 

@@ -2,52 +2,38 @@
 units it installs."""
 
 import os
+import re
 import subprocess
-import sys
 from pathlib import Path
 
 from canbus_peer import BUILD_DIR
 from sandbox import SOURCE_DIR, run
-
-sys.path.insert(0, os.path.join(SOURCE_DIR, "demo"))
-from vehicle import CONF_FILES, read_conf  # noqa: E402
+from vehicle import CONF_FILES, read_conf
 
 ENTRIES = ("all", "inventory", "fmstoip", "time", "gnss", "vehicletoip", "mqtt")
 UNITS = ("tavro@.service", "tavro-all.service", "tavro@gnss.service.d/gpsd.conf")
 
 
-def configured_prefix():
-    for line in Path(BUILD_DIR, "CMakeCache.txt").read_text().splitlines():
-        if line.startswith("CMAKE_INSTALL_PREFIX:"):
-            return line.split("=", 1)[1]
-    raise AssertionError("no CMAKE_INSTALL_PREFIX in the build's cache")
-
-
 def named_files():
     """The files of /etc/tavro that the example configuration names (mapping files)."""
-    names = set()
-    for conf in CONF_FILES:
-        for value in read_conf(os.path.join(SOURCE_DIR, "etc", conf)).values():
-            names.update(v[len("/etc/tavro/"):] for v in value.split(",")
-                         if v.startswith("/etc/tavro/"))
-    return names
+    return {v[len("/etc/tavro/"):] for conf in CONF_FILES
+            for value in read_conf(os.path.join(SOURCE_DIR, "etc", conf)).values()
+            for v in value.split(",") if v.startswith("/etc/tavro/")}
 
 
-def install(prefix, destdir=None):
-    env = dict(os.environ)
-    env.pop("DESTDIR", None)
-    if destdir:
-        env["DESTDIR"] = destdir
+def install(prefix, **destdir):
+    env = dict({k: v for k, v in os.environ.items() if k != "DESTDIR"}, **destdir)
     run("cmake", "--install", BUILD_DIR, "--prefix", prefix, env=env)
 
 
 def test_staged_install_puts_everything_under_the_stage(tmp_path):
     # The prefix of configure time, where links went before: anything written there shows.
-    configured = configured_prefix()
+    configured = re.search(r"^CMAKE_INSTALL_PREFIX:\w+=(.*)$",
+                           Path(BUILD_DIR, "CMakeCache.txt").read_text(), re.M).group(1)
     run("mount", "-t", "tmpfs", "tmpfs", configured)
     try:
         stage = tmp_path / "stage"
-        install("/usr", str(stage))
+        install("/usr", DESTDIR=str(stage))
         assert os.listdir(configured) == []
     finally:
         run("umount", configured)
@@ -58,12 +44,11 @@ def test_staged_install_puts_everything_under_the_stage(tmp_path):
     for entry in ENTRIES:
         assert os.readlink(stage / "usr/bin" / ("tavro-" + entry)) == "tavro"
     assert os.access(stage / "usr/bin/tavro", os.X_OK)
-    for unit in UNITS:
-        assert "usr/lib/systemd/system/" + unit in installed
+    assert {"usr/lib/systemd/system/" + unit for unit in UNITS} <= installed
     assert "ExecStart=/usr/bin/tavro-%i -s" in (
         stage / "usr/lib/systemd/system/tavro@.service").read_text()
-    for name in CONF_FILES + tuple(named_files()):
-        assert "usr/share/tavro/etc/" + name in installed, name
+    shipped = {"usr/share/tavro/etc/" + name for name in CONF_FILES + tuple(named_files())}
+    assert shipped - installed == set()
     assert not [p for p in installed if p.startswith("etc/")]
 
 

@@ -5,21 +5,10 @@
 
 using Pieces = std::vector<std::string>;
 
-TEST(SplitString, TrailingDelimiterGivesNoEmptyPiece) {
-    EXPECT_EQ(splitString("", '/'), Pieces{});
-    EXPECT_EQ(splitString(",,", ','), (Pieces{"", ""}));
-    EXPECT_EQ(splitString("/usr/sbin/x", '/'), (Pieces{"", "usr", "sbin", "x"}));
-    EXPECT_EQ(splitString("a,,b", ','), (Pieces{"a", "", "b"}));
-}
-
-class ConfigurationTest : public ::testing::Test {
-protected:
-    TempDir dir;
-    VerbosityScope quiet{0};
-};
-
 // Read on top of a general file, whose values come first.
-TEST_F(ConfigurationTest, LineGrammarAndGeneralFileFirst) {
+TEST(Configuration, LineGrammarAndGeneralFileFirst) {
+    TempDir dir;
+    VerbosityScope quiet(0);
     Configuration general(dir.write("general.conf", "list=g\n"));
     Configuration conf(general, dir.write("c.conf", "   # note\r\n"
                                                     "key = a b\r\n"
@@ -44,8 +33,9 @@ TEST_F(ConfigurationTest, LineGrammarAndGeneralFileFirst) {
     }
 }
 
-TEST_F(ConfigurationTest, HostileFilesStayBounded) {
-    verbosity = 1;
+TEST(Configuration, HostileFilesStayBounded) {
+    TempDir dir;
+    VerbosityScope warnings(1);
     const size_t limit = Configuration::maxLineLength;
     const std::string longKey(limit - 2, 'k');
     StderrCapture capture;
