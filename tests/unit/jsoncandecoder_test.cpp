@@ -35,9 +35,7 @@ TEST(XmlText, ValidTextStaysAndEachBadByteBecomesOneReplacement) {
         {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF",
          "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF"},
         // FMS version bytes as one bus sent them; Latin-1; control bytes and DEL-free C0.
-        {"0\xFE\x01"
-         "2",
-         "0" + r + r + "2"},
+        {"0\xFE\x01\x32", "0" + r + r + "2"},
         {"K\xFChlmittel", "K" + r + "hlmittel"},
         {std::string("a\0b\x1F\x7F", 5), "a" + r + "b" + r + "\x7F"},
         // Cut, overlong, surrogate, beyond U+10FFFF, U+FFFE and U+FFFF.
