@@ -5,9 +5,6 @@
 #include "CanTestSupport.h"
 #include "JsonCanDecoder.h"
 #include "NetHelpers.h"
-#include "SPNNumeric.h"
-#include "SPNStatus.h"
-#include "SPNString.h"
 #include "TestSupport.h"
 
 #include <arpa/inet.h>
@@ -15,9 +12,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cmath>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -75,9 +72,7 @@ TEST_F(FmstoipTest, PeriodicModeCollectsRequestedFramesInArrivalOrder) {
     auto service = start("period_ms=40\n");
     service->addPgn("FEF1");
     service->addPgn("00EA");
-    std::vector<DecodedFrame> frames = {frame(0xFEF1, 1), frame(0xF004, 2), frame(0xFEF1, 3),
-                                        frame(0x00EA, 4)};
-    for (DecodedFrame& f : frames)
+    for (DecodedFrame f : {frame(0xFEF1, 1), frame(0xF004, 2), frame(0xFEF1, 3), frame(0x00EA, 4)})
         service->handleFrame(&f);
 
     // The period may fall between the frames: collect until all three came.
@@ -99,10 +94,8 @@ TEST_F(FmstoipTest, PeriodicModeCollectsRequestedFramesInArrivalOrder) {
                           "<RelativeTime>4</RelativeTime></Frame>");
     EXPECT_EQ(next(200), "") << "no document for periods without frames";
 
-    DecodedFrame version = frame(0xFDD1, 5, {0x00, '0', '4', '0', '2', '9'});
-    DecodedFrame later = frame(0xFEF1, 6);
-    service->handleFrame(&version);
-    service->handleFrame(&later);
+    for (DecodedFrame f : {frame(0xFDD1, 5, {0x00, '0', '4', '0', '2', '9'}), frame(0xFEF1, 6)})
+        service->handleFrame(&f);
     EXPECT_NE(next().find("<FMStoIP FMSVersion=\"0402\"><Frame Status=\"OK\"><PGN>FEF1</PGN>"
                           "<Data>0000000000000000</Data><RelativeTime>6<"),
               std::string::npos);
@@ -152,16 +145,14 @@ TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
     EXPECT_EQ(service->getPgnDocument("FEF2"), "");
 
     const uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    DecodedFrame long1;
-    long1.setData(bytes, 9);
-    long1.setPgn(0xFEF1);
-    long1.setTimestamp(1);
-    service->handleFrame(&long1);
+    DecodedFrame whole = frame(0xFEF1, 1);
+    whole.setData(bytes, 9);
+    service->handleFrame(&whole);
     EXPECT_NE(next(), "");
     for (uint16_t i = 0; i < Fmstoip::maxWholeFrames; ++i) {
-        long1.setPgn(0x1000 + i);
-        long1.setTimestamp(100 + i);
-        service->handleFrame(&long1);
+        whole.setPgn(0x1000 + i);
+        whole.setTimestamp(100 + i);
+        service->handleFrame(&whole);
     }
     EXPECT_EQ(service->getPgnDocument("1000"), "");
     EXPECT_NE(service->getPgnDocument("1001").find("<Data>010203040506070809</Data>"),
@@ -191,51 +182,26 @@ TEST(AtomicFile, LinksAndModesStay) {
     EXPECT_EQ(error.rfind("open " + dir.file("missing/file.tmp") + " failed: ", 0), 0u) << error;
 }
 
-// A full bus without a consumer: one line and a count per window, not one line per frame.
-TEST(FrameQueue, OverloadDropsTheOldestFrame) {
-    FrameQueue queue;
-    VerbosityScope warnings(1);
-    StderrCapture capture;
-    {
-        RepeatWindowScope window(std::chrono::hours(1));
-        for (uint64_t i = 1; i <= 1100; ++i)
-            queue.push(frame(0xFEF1, i));
-        EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n");
-    }
-    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n"
-                              "WARN: Repeated 999 times in 3600 s: Dropped can frame!\n");
-    ASSERT_EQ(queue.size(), 100u);
-    for (uint64_t i = 1001; i <= 1100; ++i)
-        EXPECT_EQ(queue.pop()->getTimestamp(), i);
-}
-
 // Once the consumer takes frames, a full queue holds the reader up instead of dropping, for as
-// long as the allowance; past it, the oldest frames go again, at once.
-TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
+// long as the allowance; past it, the oldest frames go, at once, with one line and a count per
+// window rather than a line per frame.
+TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowanceThenDropsTheOldest) {
     VerbosityScope warnings(1);
     StderrCapture capture;
     FrameQueue patient(100, std::chrono::hours(1));
-    std::atomic<bool> resume{false};
     std::thread consumer([&] {
-        for (uint64_t next = 1; next <= 150; ++next) {
+        EXPECT_EQ(patient.pop()->getTimestamp(), 1u);
+        // At work again only once the queue is full.
+        while (patient.size() < 100)
+            usleep(1000);
+        for (uint64_t next = 2; next <= 150; ++next)
             EXPECT_EQ(patient.pop()->getTimestamp(), next);
-            while (next == 1 && !resume)
-                usleep(1000);
-        }
     });
-    // Frame 1 taken: the consumer is at work, and then stops for a while.
     patient.push(frame(0xFEF1, 1));
     while (patient.size() != 0)
         usleep(1000);
-    std::thread producer([&] {
-        for (uint64_t i = 2; i <= 150; ++i)
-            patient.push(frame(0xFEF1, i));
-    });
-    while (patient.size() < 100)
-        usleep(1000);
-    usleep(20 * 1000);
-    resume = true;
-    producer.join();
+    for (uint64_t i = 2; i <= 150; ++i)
+        patient.push(frame(0xFEF1, i));
     consumer.join();
     EXPECT_EQ(capture.text(), "");
 
@@ -243,22 +209,53 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowance) {
     std::thread first([&] { EXPECT_EQ(stalled.pop()->getTimestamp(), 1u); });
     stalled.push(frame(0xFEF1, 1));
     first.join();
-    for (uint64_t i = 2; i <= 103; ++i)
-        stalled.push(frame(0xFEF1, i));
-    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\nWARN: Dropped can frame!\n");
-    EXPECT_EQ(stalled.pop()->getTimestamp(), 4u);
+    {
+        RepeatWindowScope window(std::chrono::hours(1));
+        for (uint64_t i = 2; i <= 1101; ++i)
+            stalled.push(frame(0xFEF1, i));
+        EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n");
+    }
+    EXPECT_EQ(capture.text(), "WARN: Dropped can frame!\n"
+                              "WARN: Repeated 999 times in 3600 s: Dropped can frame!\n");
+    ASSERT_EQ(stalled.size(), 100u);
+    for (uint64_t i = 1002; i <= 1101; ++i)
+        EXPECT_EQ(stalled.pop()->getTimestamp(), i);
 }
 
 // The text written straight for delivered and fetched frames is the template's, byte for byte;
 // texts that XML would escape are left to the template.
 TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
-    JsonCanDecoder decoder(testData("fms_mapping.json"));
-    struct Case {
-        can_frame frame;
-        std::string version;
-        bool plain;
+    auto check = [](const DecodedFrame& frame, const std::string& version, bool plain) {
+        FmsXMLGenerator generator(true);
+        generator.setFmsVersion(version);
+        const uint8_t pgnBytes[2] = {uint8_t(frame.getPgn() >> 8), uint8_t(frame.getPgn())};
+        const std::string pgn = toHex(pgnBytes, 2);
+        std::string text = "untouched";
+        EXPECT_EQ(generator.plainFrameDocument(text, pgn, frame.getData(), 8, 1700000000123,
+                                               frame.spns()),
+                  plain)
+            << pgn;
+        generator.setFramePgn(pgn);
+        generator.setFrameStatus("OK");
+        generator.setFrameData(toHex(frame.getData(), 8));
+        generator.setRelativeTime(1700000000123);
+        for (const SPN* spn : frame.spns()) {
+            generator.setSpnId(spn->getNumber());
+            generator.setSpnName(spn->getName());
+            if (auto* number = dynamic_cast<const SPNNumeric*>(spn)) {
+                generator.setSpnUnit(number->getUnit());
+                generator.setSpnValue(number->getValue());
+            } else if (auto* state = dynamic_cast<const SPNStatus*>(spn)) {
+                generator.setSpnValue(state->getDescription());
+            } else {
+                generator.setSpnValue(static_cast<const SPNString*>(spn)->getValue());
+            }
+            generator.commitSpn();
+        }
+        EXPECT_EQ(text, plain ? generator.frameDocument() : "untouched") << pgn;
     };
-    const std::vector<Case> cases = {
+    JsonCanDecoder decoder(testData("fms_mapping.json"));
+    const std::tuple<can_frame, std::string, bool> cases[] = {
         // Units, numbers, status texts, one of them empty.
         {canFrame(0x18FEF100, {0x04, 0x80, 0x14}), "0402", true},
         {canFrame(0x18F00400, {0xF0, 0x7D}), "0000", true},
@@ -269,10 +266,15 @@ TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
         {canFrame(0x18FEF100, {0x00}), "0\"", false},
         {canFrame(0x18FFFF00, {0x01}), "\xC3\xA4", false},
     };
+    for (const auto& [raw, version, plain] : cases) {
+        auto decoded = decode(decoder, raw);
+        ASSERT_TRUE(decoded);
+        check(*decoded, version, plain);
+    }
     // Numbers as "%.3f" writes them: halves, signs, beyond 2^40, not numbers, and the fields
     // of common gains and offsets.
-    std::unique_ptr<DecodedFrame> numbers(new DecodedFrame);
-    numbers->setPgn(0xFFFF);
+    DecodedFrame numbers;
+    numbers.setPgn(0xFFFF);
     std::vector<double> values = {0.0,      -0.0,      0.1,    0.0005,      0.0015, -0.0005,
                                   -0.0001,  1.0 / 3,   2.0e12, -1.0e15,     1e300,  NAN,
                                   INFINITY, -INFINITY, 0.0625, 1234567.8905};
@@ -286,44 +288,6 @@ TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
         }
     }
     for (double value : values)
-        numbers->addSpn(new SPNNumeric(value, " u"));
-    std::vector<std::unique_ptr<DecodedFrame>> frames;
-    for (const Case& c : cases)
-        frames.emplace_back(decode(decoder, c.frame));
-    frames.push_back(std::move(numbers));
-    for (size_t i = 0; i < frames.size(); ++i) {
-        const Case& c = i < cases.size() ? cases[i] : Case{can_frame(), "0000", true};
-        const std::unique_ptr<DecodedFrame>& frame = frames[i];
-        ASSERT_TRUE(frame);
-        frame->setTimestamp(1700000000123);
-        FmsXMLGenerator generator(true);
-        generator.setFmsVersion(c.version);
-        const std::string data = toHex(frame->getData(), 8);
-        const std::string pgn = toHex(
-            std::vector<uint8_t>{uint8_t(frame->getPgn() >> 8), uint8_t(frame->getPgn())}.data(),
-            2);
-        std::string plain = "untouched";
-        EXPECT_EQ(generator.plainFrameDocument(plain, pgn, frame->getData(), 8, 1700000000123,
-                                               frame->spns()),
-                  c.plain)
-            << pgn;
-        generator.setFramePgn(pgn);
-        generator.setFrameStatus("OK");
-        generator.setFrameData(data);
-        generator.setRelativeTime(1700000000123);
-        for (const SPN* spn : frame->spns()) {
-            generator.setSpnId(spn->getNumber());
-            generator.setSpnName(spn->getName());
-            if (spn->getType() == SPN::Numeric) {
-                generator.setSpnUnit(static_cast<const SPNNumeric*>(spn)->getUnit());
-                generator.setSpnValue(static_cast<const SPNNumeric*>(spn)->getValue());
-            } else if (spn->getType() == SPN::Status) {
-                generator.setSpnValue(static_cast<const SPNStatus*>(spn)->getDescription());
-            } else {
-                generator.setSpnValue(static_cast<const SPNString*>(spn)->getValue());
-            }
-            generator.commitSpn();
-        }
-        EXPECT_EQ(plain, c.plain ? generator.frameDocument() : "untouched") << pgn;
-    }
+        numbers.addSpn(new SPNNumeric(value, " u"));
+    check(numbers, "0000", true);
 }
