@@ -100,24 +100,4 @@ inline std::string toolCommand(const std::string& name) {
     return (emulator.empty() ? "" : emulator + " ") + TAVRO_TOOLS_DIR + "/" + name;
 }
 
-// qemu-user of Debian 12 (7.2), which runs the armhf unit tests, does not emulate the
-// IP_MULTICAST_IF socket option: there no multicast sender can be opened at all. Real
-// kernels, the VM stage among them, always have it.
-inline bool multicastInterfaceOptionWorks() {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (fd < 0)
-        return true;
-    struct in_addr any;
-    any.s_addr = htonl(INADDR_ANY);
-    const bool refused =
-        setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &any, sizeof any) != 0 && errno == ENOPROTOOPT;
-    close(fd);
-    return !refused;
-}
-
-// For tests that open a multicast sender.
-#define SKIP_WITHOUT_MULTICAST_IF()                                                                \
-    if (!multicastInterfaceOptionWorks())                                                          \
-    GTEST_SKIP() << "IP_MULTICAST_IF is not emulated here"
-
 #endif
