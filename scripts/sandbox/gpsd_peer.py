@@ -6,7 +6,6 @@ connection, one epoch (a second of the receiver) per interval, over and over.
     gpsd = Gpsd(sandbox, feed).start()      # gpsd -N -n -S 2947 tcp://127.0.0.1:<feed>
     feed.play("lost-fix.nmea")              # another log from the next epoch on
     gpsd.stop(); gpsd.start()
-    stand_in = GpsdStandIn(sandbox, [b"..."])  # in gpsd's place: sends what it is given
 """
 
 import os
@@ -90,36 +89,3 @@ class Gpsd:
 
     def stop(self):
         self.proc.stop()
-
-
-class GpsdStandIn:
-    """Listens on gpsd's port in its place and sends each client, once it has sent its WATCH,
-    the given chunks of bytes, whatever they are; then keeps the connection open."""
-
-    def __init__(self, sandbox, chunks, port=2947):
-        self.chunks = chunks
-        self.watches = []  # what each client sent first
-        self.server = socket.create_server(("127.0.0.1", port))
-        self.server.settimeout(0.1)
-        self._stop = threading.Event()
-        threading.Thread(target=self._serve, daemon=True).start()
-        sandbox.listeners.append(self)  # closed with the sandbox
-
-    def _serve(self):
-        while not self._stop.is_set():
-            try:
-                conn = self.server.accept()[0]
-            except OSError:
-                continue
-            with conn:
-                try:
-                    self.watches.append(conn.recv(4096))
-                    for chunk in self.chunks:
-                        conn.sendall(chunk)
-                except OSError:
-                    continue
-                self._stop.wait()
-
-    def close(self):
-        self._stop.set()
-        self.server.close()

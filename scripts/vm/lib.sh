@@ -17,13 +17,6 @@ vcan_up() {
     ip link set "$1" up
 }
 
-# Wall-clock milliseconds since the epoch (busybox date has no %N; adjtimex reads the
-# kernel clock in microseconds).
-now_ms() {
-    adjtimex | awk '$1 == "time.tv_sec:" { s = $2 } $1 == "time.tv_usec:" { u = $2 }
-        END { printf "%s%03d\n", s, int(u / 1000) }'
-}
-
 # wait_for FILE REGEX [SECONDS]: waits until a line of FILE matches the extended regex.
 wait_for() {
     local left=$((${3:-5} * 20))
@@ -34,15 +27,6 @@ wait_for() {
     done
 }
 
-# count_lines FILE REGEX: lines of FILE that match (0 when there is no FILE).
-count_lines() {
-    [ -f "$1" ] || {
-        echo 0
-        return
-    }
-    grep -cE "$2" "$1" || true
-}
-
 # Starts a background program with its stdout in NAME.out and stderr in NAME.err; its PID
 # is in $started. start NAME PROGRAM [ARGS...]
 start() {
@@ -50,53 +34,6 @@ start() {
     shift
     "$@" >"$name.out" 2>"$name.err" &
     started=$!
-}
-
-# mcast_listen NAME GROUP PORT [COUNT [SECONDS]]: a multicast listener on lo in the
-# background, ready when this returns; $started is its PID. Datagrams go to NAME.out (see
-# tests/vm/mcastprobe.cpp) and one file each to NAME.d/ (000001, 000002, ...). With COUNT it ends after that many
-# datagrams, or fails after SECONDS (default 10); without, it runs until killed.
-mcast_listen() {
-    mkdir -p "$1.d"
-    if [ -n "$4" ]; then
-        start "$1" mcastprobe listen "$2" "$3" -o "$1.d" -c "$4" -w "${5:-10}"
-    else
-        start "$1" mcastprobe listen "$2" "$3" -o "$1.d"
-    fi
-    wait_for "$1.err" '^listening '
-}
-
-# can_receivers INTERFACE: how many raw CAN sockets receive from INTERFACE. A program
-# that reads the interface (candump, the daemon's CAN reader) is ready once its socket
-# counts here.
-can_receivers() {
-    cat /proc/net/can/rcvlist_* 2>/dev/null | grep -cE "^ +$1 .* raw\$" || true
-}
-
-# wait_can_receivers INTERFACE COUNT [SECONDS]
-wait_can_receivers() {
-    local left=$((${3:-5} * 20))
-    while [ "$(can_receivers "$1")" -lt "$2" ]; do
-        left=$((left - 1))
-        [ "$left" -gt 0 ] || fail "fewer than $2 CAN sockets on $1 after ${3:-5} s"
-        usleep 50000
-    done
-}
-
-# candump_start NAME INTERFACE: candump with absolute kernel receive stamps in NAME.out;
-# ready when this returns.
-candump_start() {
-    local before
-    before=$(can_receivers "$2")
-    start "$1" candump -ta "$2"
-    wait_can_receivers "$2" $((before + 1))
-}
-
-# can_stamps_ms FILE: the kernel receive stamp of every frame in a candump -ta log, in
-# milliseconds since the epoch, one a line ("(1700000000.999999) vcan0 ..." gives
-# 1700000000999: seconds x 1000 + microseconds / 1000, truncated).
-can_stamps_ms() {
-    sed -n 's/^ *(\([0-9]*\)\.\([0-9][0-9][0-9]\)[0-9]*).*/\1\2/p' "$1"
 }
 
 # write_conf NAME LINE...: writes /etc/tavro/NAME, one key=value line per argument.
@@ -127,14 +64,6 @@ stop_process() {
     status=0
     kill -INT "$1"
     wait "$1" || status=$?
-}
-
-# xml_texts ELEMENT FILE...: the text of every <ELEMENT>text</ELEMENT> in the files, in
-# order, one a line (enough for the flat values of the delivery documents).
-xml_texts() {
-    local element=$1
-    shift
-    cat "$@" | grep -o "<$element>[^<]*</$element>" | sed 's/<[^>]*>//g'
 }
 
 # system_bus: a dbus-daemon as the system bus (what the daemon's announcements need, even

@@ -114,7 +114,7 @@ def test_immediate_mode_sends_each_requested_frame(sandbox):
     version, ((pgn, data, relative, spns),) = frames_of(first)
     assert (version, pgn, data, spns) == ("0000", "FEF1", "0480140000000000", CCVS_SPNS)
     # The reader's own kernel stamp; the peer's socket got its copy a moment apart (more on a
-    # loaded machine). The VM check compares with the very same stamp, exactly.
+    # loaded machine). In the VM stage CanHandler's SocketCAN test compares it exactly.
     assert abs(relative - stamps[0]) <= 50
     version, ((pgn, data, relative, spns),) = frames_of(second)
     assert (version, pgn, data) == ("0402", "FEF1", "0000000000000000")

@@ -73,17 +73,13 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(san
     slammer.close()
     assert len(accepted) == 4 and accepted[0] - began < 2 * SLOW, (began, accepted)
     gaps = [b - a for a, b in zip(accepted, accepted[1:])]
-    print("waits between attempts: %s s" % ", ".join("%.2f" % g for g in gaps))
     assert all(0.9 * w < g < w + 1.5 * SLOW for g, w in zip(gaps, (1, 2, 4))), gaps
     assert len(re.findall(CONNECT_FAILED, proc.stderr, re.M)) == 1
     assert len(proc.lines()) < 12, proc.stderr
 
     # The next wait is 8 s; a good gpsd started now is connected when it ends.
     Gpsd(sandbox, feed).start()
-    try:
-        documents(lambda d: d["SignalQuality"] == "GPS", timeout=20)
-    except AssertionError as e:
-        raise AssertionError("%s\n%s" % (e, proc.stderr))
+    documents(lambda d: d["SignalQuality"] == "GPS", timeout=20)
     assert time.monotonic() - accepted[-1] < 8 + 3 * SLOW
     received = documents(lambda d: True, 32, timeout=45)
     docs = [values(d[1]) for d in received]
@@ -98,9 +94,7 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(san
     times = [d[0] for d in received]
     median = statistics.median(b - a for a, b in zip(times, times[1:]))
     drift = (times[-1] - times[0]) / (len(times) - 1) - 1.0
-    print("documents %d over %.2f s, median period %.4f s, mean drift %+.2f ms per document"
-          % (len(times), times[-1] - times[0], median, drift * 1000))
-    assert 0.9 < median < 1.1 and abs(drift) < 0.05
+    assert 0.9 < median < 1.1 and abs(drift) < 0.05, (median, drift)
 
     # Fix lost: not valid, the last position kept, speed 0, one satellite, the system time.
     feed.play("lost-fix.nmea")
@@ -144,9 +138,7 @@ def test_gpsd_host_that_vanishes_is_given_up_and_found_again(sandbox):
     host.run("ip", "link", "set", "v1", "down")
     began = time.monotonic()
     proc.wait_for(r"^NOTE: Reading from socket failed\.$", timeout=40 * SLOW)
-    lost = time.monotonic() - began
-    print("connection given up %.1f s after the host vanished" % lost)
-    assert lost < 32
+    assert time.monotonic() - began < 32
     host.run("ip", "link", "set", "v1", "up")
     assert until(lambda: established() - first, 15), "connected again"
     proc.interrupt()

@@ -1,9 +1,7 @@
 #include "BasicCanDecoder.h"
 #include "CanHandler.h"
 #include "CanTestSupport.h"
-#include "JsonCanDecoder.h"
 #include "TestSupport.h"
-#include "VtoIpDecoder.h"
 
 #include <linux/can/raw.h>
 #include <net/if.h>
@@ -13,39 +11,6 @@
 
 #include <filesystem>
 #include <thread>
-#include <tuple>
-
-// Shared decoders pass the frame on, a taking one ends the walk of its hook, one that yields
-// nothing leaves the frame to the next; each hook walks its own decoders.
-TEST(CanHandler, DispatchWalksEachHooksDecodersInOrder) {
-    JsonCanDecoder first(testData("fms_mapping.json"));
-    JsonCanDecoder second(testData("fms_mapping.json"));
-    VtoIpDecoder vehicle(testData("vehicle_mapping.json"));
-    BasicCanDecoder rest;
-    BasicCanDecoder otherRest;
-    RecordingHook hook;
-    RecordingHook other;
-    CanHandler handler("vcan-walk");
-    for (CanDecoder* decoder : std::vector<CanDecoder*>{&first, &second, &vehicle, &rest})
-        handler.addDecoder(&hook, decoder);
-    handler.addDecoder(&other, &otherRest);
-    uint64_t time = 1700000000000;
-    for (const can_frame& frame : {bamAnnounce(0xFEEC, 9, 2), canFrame(0x18FEF100, {0x04}),
-                                   canFrame(0x18FEF200), canFrame(0x0CFEDA00, {1, 2, 3})})
-        handler.dispatch(frame, ++time);
-    // (PGN, which frame): both mapping decoders share the announcement, and the vehicle decoder
-    // takes it but has no message yet; FEF1 is the first mapping decoder's, FEF2 the vehicle
-    // decoder's, FEDA comes raw from the catch-all.
-    std::vector<std::pair<uint16_t, uint64_t>> got;
-    for (const DecodedFrame& frame : hook.waitFor())
-        got.emplace_back(frame.getPgn(), frame.getTimestamp() - 1700000000000);
-    EXPECT_EQ(got,
-              (std::vector<std::pair<uint16_t, uint64_t>>{
-                  {0xECFF, 1}, {0xECFF, 1}, {0xECFF, 1}, {0xFEF1, 2}, {0xFEF2, 3}, {0xFEDA, 4}}));
-    EXPECT_EQ(other.waitFor().size(), 4u);
-    EXPECT_EQ(hook.waitFor()[3].spns().size(), 6u);
-    EXPECT_EQ(hook.waitFor()[5].getData()[2], 3);
-}
 
 // Names the kernel would cut are refused, and so are missing interfaces and names that would
 // leave the bus directory: on the virtual bus, and on real SocketCAN in the VM stage.
@@ -121,48 +86,9 @@ TEST(CanHandler, SocketCanRoundsAndStopTime) {
     close(witness);
 }
 
-// SCM_TIMESTAMP as 64-bit timeval (old and new type) or 32-bit one; SCM_TIMESTAMPING as the
-// first of three timespecs, in both widths; a stamp after another message.
-TEST(ControlTimestamp, LayoutsOfTheKernel) {
-    const int64_t wide[6] = {1700000000, 999999, 5, 0, 1800000000, 1};
-    const int32_t narrow[6] = {1700000000, 999999, 5, 0, 1800000000, 1};
-    const int64_t wideNs[6] = {1700000001, 999999999, 5, 0, 1800000000, 1};
-    const int32_t narrowNs[6] = {1700000001, 999999999, 5, 0, 1800000000, 1};
-    const struct {
-        std::vector<std::tuple<int, const void*, size_t>> messages; // type, payload, length
-        uint64_t stamp;                                             // 7: none found
-    } cases[] = {
-        {{{29, wide, 16}}, 1700000000999},
-        {{{29, narrow, 8}}, 1700000000999},
-        {{{65, wideNs, 48}}, 1700000001999},
-        {{{37, narrowNs, 24}}, 1700000001999},
-        {{{SCM_CREDENTIALS, wide, 12}, {29, wide, 16}}, 1700000000999},
-    };
-    for (const auto& c : cases) {
-        std::vector<unsigned char> buffer;
-        for (const auto& [type, payload, length] : c.messages) {
-            const size_t at = buffer.size();
-            buffer.resize(at + CMSG_SPACE(length));
-            // By name: musl's cmsghdr has padding between the length and the level.
-            cmsghdr header = {};
-            header.cmsg_len = CMSG_LEN(length);
-            header.cmsg_level = SOL_SOCKET;
-            header.cmsg_type = type;
-            memcpy(buffer.data() + at, &header, sizeof header);
-            memcpy(buffer.data() + at + CMSG_LEN(0), payload, length);
-        }
-        msghdr msg = {};
-        msg.msg_control = buffer.data();
-        msg.msg_controllen = buffer.size();
-        uint64_t stamp = 7;
-        EXPECT_EQ(controlTimestamp(msg, stamp), c.stamp != 7);
-        EXPECT_EQ(stamp, c.stamp) << &c - cases;
-    }
-}
-
 // Real readers on the virtual bus, fed by the log player: each reader of an interface gets every
-// frame, a second start opens no second socket, and stop closes the socket after no more than
-// the receive time-out. Hooks that come and go while a reader runs are in vtoip_test.cpp.
+// frame, a second start opens no second socket, and stop closes the socket. Hooks that come and go
+// while a reader runs are in vtoip_test.cpp.
 TEST(VirtualBus, ReadersAndStop) {
     TempDir root;
     const std::string bus = root.file("vcan0");
@@ -193,12 +119,8 @@ TEST(VirtualBus, ReadersAndStop) {
         for (const DecodedFrame& frame : frames)
             EXPECT_NEAR(frame.getTimestamp() / 1000.0, time(nullptr), 60);
     }
-    for (CanHandler& handler : handlers) {
-        const auto begin = std::chrono::steady_clock::now();
+    for (CanHandler& handler : handlers)
         handler.stop();
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
-        EXPECT_FALSE(handler.isRunning());
-    }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(bus), {}), 0u);
     unsetenv("TAVRO_VCAN_DIR");
 }

@@ -79,15 +79,12 @@ TEST(GnssLines, BadLinesAreSkippedWholeWithALogLine) {
     const std::string reference = handle({fix3d, sky}).first;
     const std::pair<std::string, std::string> cases[] = {
         {R"({"class":"TPV","mode":3,"lat":"47.1","lon":8})", R"(TPV report: "lat" has)"},
-        {R"({"class":"TPV","mode":"3","lat":1,"lon":2})", R"(TPV report: "mode" has)"},
         {R"({"class":"TPV","mode":1e300})", R"(TPV report: "mode" has)"},
         {R"({"class":"TPV","mode":3,"lat":1,"lon":2,"time":20240301})", R"("time" has)"},
-        {R"({"class":"SKY","hdop":"1","satellites":[]})", R"(SKY report: "hdop" has)"},
         {R"({"class":"SKY","hdop":1,"satellites":[{"used":1}]})", R"("satellites" has)"},
         {R"({"class":["TPV"],"mode":3,"lat":1,"lon":2})",
          "WARN: Skipping gpsd report: \"class\" has an unexpected type.\n"},
         {"42\r\n", "WARN: Skipping gpsd report: not a JSON object.\n"},
-        {R"({"class":"TPV","mode":3,"lat":1)", "ERR : File parsing failed!\nERR : * Line 1"},
         {std::string("\xff\xfe\0\x01garbage\n", 12), "ERR : File parsing failed!\n"},
         // Far below JsonCpp's own bound of 1000, which overflows a small thread stack.
         {std::string(Gnss::maxJsonDepth + 1, '['), "ERR : File parsing failed!\nERR : Exceeded"},

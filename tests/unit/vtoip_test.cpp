@@ -159,29 +159,16 @@ TEST(VtoIpDecoder, DataRulesAndTransportMessages) {
 // Codes beyond a value table read as its last entry; distances are bounded to 32 bits.
 TEST(VtoIPXMLGenerator, ValueTablesAndDistanceBounds) {
     VtoIPXMLGenerator g;
-    const struct {
-        uint32_t code;
-        const char *doors, *cabin, *type;
-    } tables[] = {{0, "AllDoorsClosedLocked", "NoCab", "Bus"},
-                  {1, "DoorUnlocked", "Cab1", "Tram"},
-                  {2, "DoorOpen", "Cab2", "Ferry"},
-                  {4294967295u, "DoorOpen", "Cab2", "Ferry"}};
-    const auto has = [&g](const std::string& name, const std::string& text) {
-        return g.toString().find("<" + name + ">" + text + "</") != std::string::npos;
-    };
-    for (const auto& c : tables) {
-        g.setDoorsStatus(c.code);
-        g.setActiveCabin(c.code);
-        g.setVehicleType(c.code);
-        EXPECT_TRUE(has("DoorsStatus", c.doors) && has("ActiveCabin", c.cabin) &&
-                    has("VehicleType", c.type))
-            << c.code << ": " << g.toString();
-    }
-    const std::pair<double, const char*> distances[] = {
-        {-3.5, "0"}, {4294967296.0, "4294967295"}, {std::nan(""), "0"}};
-    for (const auto& d : distances) {
-        g.setOdodistancetotal(d.first);
-        g.setOdodistance(d.first);
-        EXPECT_TRUE(has("Ododistancetotal", d.second) && has("Ododistance", d.second)) << d.first;
-    }
+    g.setDoorsStatus(4294967295u);
+    g.setActiveCabin(3);
+    g.setVehicleType(3);
+    g.setOdodistancetotal(4294967296.0);
+    g.setOdodistance(-3.5);
+    std::string document = g.toString();
+    for (const char* part : {"<DoorsStatus>DoorOpen<", "<ActiveCabin>Cab2<", "<VehicleType>Ferry<",
+                             ">4294967295</Ododistancetotal>", "<Ododistance>0<"})
+        EXPECT_NE(document.find(part), std::string::npos) << part << " in " << document;
+    g.setOdodistancetotal(std::nan(""));
+    document = g.toString();
+    EXPECT_NE(document.find("<Ododistancetotal>0<"), std::string::npos) << document;
 }
