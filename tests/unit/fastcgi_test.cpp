@@ -66,19 +66,14 @@ std::string paramsStream(uint16_t id, const std::string& uri = "/pgn",
            record(PARAMS, id, "");
 }
 
-// Begin, parameters, one STDIN record per body piece, end of body.
-std::string request(const std::string& params, const std::vector<std::string>& body = {}) {
-    std::string out = begin(1) + params;
-    for (const std::string& piece : body)
-        out += record(STDIN, 1, piece);
-    return out + record(STDIN, 1, "");
+// Begin, parameters, the body in one STDIN record, end of body.
+std::string request(const std::string& params, const std::string& body) {
+    return begin(1) + params + record(STDIN, 1, body) + record(STDIN, 1, "");
 }
-
-using Respond = std::function<int(char stage, Request&)>;
 
 // What the callbacks of a test do; each call is noted in calls.
 std::string calls;
-Respond respond;
+std::function<int(char stage, Request&)> respond;
 
 class Stage : public HandlerBase {
 public:
@@ -186,7 +181,7 @@ TEST_F(ConnectionTest, ManagementRecordsAndUnknownRole) {
 
 TEST_F(ConnectionTest, RequestCallbackResultEndsTheRequest) {
     respond = [](char, Request&) { return 5; };
-    EXPECT_EQ(exchange(request(paramsStream(1), {"body"})), ending(1, 5));
+    EXPECT_EQ(exchange(request(paramsStream(1), "body")), ending(1, 5));
     EXPECT_EQ(calls, "r");
 }
 
@@ -210,7 +205,7 @@ TEST_F(ConnectionTest, ParamsSplitOverRecords) {
 TEST_F(ConnectionTest, WrongVersionClosesTheConnection) {
     const std::string getValues = record(GET_VALUES, 0, "");
     EXPECT_EQ(exchange(getValues + record(GET_VALUES, 0, "", 0, 2) + getValues +
-                       request(paramsStream(1))),
+                       request(paramsStream(1), "body")),
               record(GET_VALUES_RESULT, 0, ""));
     EXPECT_TRUE(connection.closing);
     // Nothing the peer sends afterwards is looked at, nor kept.
@@ -322,8 +317,7 @@ TEST(FrontEnd, HooksOfTheRequestsPortInRegistrationOrderAndARestart) {
     auto ask = [&](const std::string& serverPort) {
         FcgiHandler::start(port);
         waitFor(listening);
-        const std::string got =
-            exchange(request(paramsStream(1, "/pgn", serverPort), {body}), port);
+        const std::string got = exchange(request(paramsStream(1, "/pgn", serverPort), body), port);
         // Serving goes on, after a hook that threw with a server started anew.
         EXPECT_TRUE(waitFor(listening));
         // Before the verbosity goes back: the front end's thread reads it.
