@@ -78,13 +78,8 @@ def frames_of(datagram):
 
 def threads(pid):
     """{thread name: the fields of its stat after the name} of a process."""
-    found = {}
-    for tid in os.listdir("/proc/%d/task" % pid):
-        with open("/proc/%d/task/%s/stat" % (pid, tid)) as f:
-            stat = f.read()
-        name, rest = stat[stat.find("(") + 1:].rsplit(")", 1)
-        found[name] = rest.split()
-    return found
+    stats = [p.read_text() for p in Path("/proc/%d/task" % pid).glob("*/stat")]
+    return {s[s.find("(") + 1:s.rfind(")")]: s[s.rfind(")") + 1:].split() for s in stats}
 
 
 def test_immediate_mode_sends_each_requested_frame(sandbox):
