@@ -54,8 +54,7 @@ def network(sandbox):
     if "v0" not in sandbox.links:
         sandbox.veth()
     for key in ("conf/all/rp_filter", "conf/v1/rp_filter", "conf/v1/accept_local"):
-        with open("/proc/sys/net/ipv4/" + key, "w") as f:
-            f.write("0" if key.endswith("rp_filter") else "1")
+        Path("/proc/sys/net/ipv4/" + key).write_text("0" if key.endswith("rp_filter") else "1")
     return sandbox.listen(GROUP, PORT, "10.20.0.2")
 
 

@@ -53,11 +53,11 @@ def test_pgn_requests_through_nginx(sandbox, avahi):
     datagram and every PGNGet answer still parses, with U+FFFD in their place; then a bus
     walking the whole PGN space grows RSS by a bounded figure, every PGN within reach."""
     mapping = sandbox.path("latin1.json")
-    with open(mapping, "wb") as f:
-        f.write(b'[{"pgn": 65265, "spns": [{"type": 0, "number": 84, "name": "K\xfchlmittel",'
-                b' "offset": 1, "byteSize": 2, "formatGain": 0.00390625, "formatOffset": 0,'
-                b' "units": " \xb0C"}]},'
-                b' {"pgn": 65260, "spns": [{"type": 2, "number": 237, "name": "VIN"}]}]')
+    Path(mapping).write_bytes(
+        b'[{"pgn": 65265, "spns": [{"type": 0, "number": 84, "name": "K\xfchlmittel",'
+        b' "offset": 1, "byteSize": 2, "formatGain": 0.00390625, "formatOffset": 0,'
+        b' "units": " \xb0C"}]},'
+        b' {"pgn": 65260, "spns": [{"type": 2, "number": 237, "name": "VIN"}]}]')
     listener = network(sandbox)
     bus = CanBus(sandbox)
     proc, nginx, ask = serve(sandbox, bus, "", general={"fcgi_address": "127.0.0.1"},
