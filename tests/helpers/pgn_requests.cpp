@@ -1,7 +1,6 @@
-// Requests and withdraws PGNs of an FMStoIP service without end, for the counter-file tests.
-//   pgn_requests CONF PGN...
-// Builds the service from CONF (its counts load from the counter file), prints "ready", then
-// adds each PGN once and removes each once, over and over, until it is killed.
+// pgn_requests CONF PGN... builds an FMStoIP service from CONF (its counts load from the
+// counter file), prints "ready", then adds each PGN once and removes each once, over and over,
+// until it is killed: the counter-file test kills it in the middle of a write.
 #include "Fmstoip.h"
 #include "Logger.h"
 
@@ -10,10 +9,8 @@
 #include <vector>
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        std::cerr << "usage: pgn_requests CONF PGN...\n";
+    if (argc < 3)
         return 2;
-    }
     verbosity = 1;
     const std::vector<std::string> pgns(argv + 2, argv + argc);
     Fmstoip service{Configuration(argv[1])};
