@@ -136,13 +136,13 @@ TEST(JsonCanDecoder, HugeArrays) {
     std::string json = "[";
     for (int pgn = 0; pgn < 20000; ++pgn)
         json += "{\"pgn\":" + std::to_string(pgn) + "},";
-    json += "{\"pgn\":65265,\"spns\":[{\"type\":1,\"bitSize\":16,\"descriptions\":[\"0\"";
+    json += "{\"pgn\":65265,\"spns\":[{\"type\":1,\"bitSize\":16,\"descriptions\":[\"v0\"";
     for (int i = 1; i < 1 << 16; ++i)
-        json += ",\"" + std::to_string(i) + "\"";
+        json += ",\"v" + std::to_string(i) + "\"";
     TempDir dir;
     JsonCanDecoder decoder(dir.write("huge.json", json + "]}]}]"));
     EXPECT_TRUE(decoder.accepts(canFrame(0x18004E00)));
-    EXPECT_EQ(values(*decode(decoder, canFrame(0x18FEF100, {0x34, 0x12, 0x01}))), "0=4660");
+    EXPECT_EQ(values(*decode(decoder, canFrame(0x18FEF100, {0x34, 0x12, 0x01}))), "0=v4660");
 }
 
 // Refused at load with a level-0 line each; the rest of the file decodes.
