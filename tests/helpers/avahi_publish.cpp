@@ -1,7 +1,6 @@
-// Publishes one service with AvahiHandler for the system tests.
-//   avahi_publish NAME TYPE TRANSPORT PORT [TXT...]
-// Each input line "KEY VALUE..." calls replaceLastTxt(KEY, VALUE) for each value back to back
-// and answers "done". End of input withdraws the service and ends with status 0.
+// avahi_publish NAME TYPE TRANSPORT PORT [TXT...]: each input line "KEY VALUE..." calls
+// replaceLastTxt(KEY, VALUE) for each value back to back and answers "done"; end of input
+// withdraws the service.
 #include "AvahiHandler.h"
 #include "Logger.h"
 

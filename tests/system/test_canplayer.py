@@ -7,10 +7,7 @@ from canbus_peer import CanBus, pack_frame
 
 @pytest.mark.parametrize("line,message", [
     ("(1.0) can0 18FEF100##1020304", "CAN FD frame \"18FEF100##1020304\" (##) is not supported"),
-    ("(1.0) can0 18FEF100#010", "data \"010\" is not pairs of hex digits"),
-    ("(1.0) can0 18FEF1#01", "identifier \"18FEF1\" must have 3 or 8 hex digits"),
     ("(1.0) can0 123#010203040506070809", "more than 8 data bytes in \"123#010203040506070809\""),
-    ("(1.0) can0", "expected \"(time) interface frame\""),
 ])
 def test_bad_lines_are_refused_before_sending(sandbox, line, message):
     bus = CanBus(sandbox)

@@ -1,5 +1,4 @@
-"""cmake --install as package builds use it (a prefix, and DESTDIR staging), and the systemd
-units it installs."""
+"""cmake --install as package builds use it, and the systemd units it installs."""
 
 import os
 import re
@@ -15,7 +14,6 @@ UNITS = ("tavro@.service", "tavro-all.service", "tavro@gnss.service.d/gpsd.conf"
 
 
 def named_files():
-    """The files of /etc/tavro that the example configuration names (mapping files)."""
     return {v[len("/etc/tavro/"):] for conf in CONF_FILES
             for value in read_conf(os.path.join(SOURCE_DIR, "etc", conf)).values()
             for v in value.split(",") if v.startswith("/etc/tavro/")}
@@ -26,7 +24,7 @@ def install(prefix, **destdir):
     run("cmake", "--install", BUILD_DIR, "--prefix", prefix, env=env)
 
 
-def test_staged_install_puts_everything_under_the_stage(tmp_path):
+def test_staged_install_puts_everything_under_the_stage_and_systemd_accepts_the_units(tmp_path):
     # The prefix of configure time, where links went before: anything written there shows.
     configured = re.search(r"^CMAKE_INSTALL_PREFIX:\w+=(.*)$",
                            Path(BUILD_DIR, "CMakeCache.txt").read_text(), re.M).group(1)
@@ -50,10 +48,7 @@ def test_staged_install_puts_everything_under_the_stage(tmp_path):
     shipped = {"usr/share/tavro/etc/" + name for name in CONF_FILES + tuple(named_files())}
     assert shipped - installed == set()
     assert not [p for p in installed if p.startswith("etc/")]
-
-
-def test_systemd_accepts_the_units(tmp_path):
-    """Installed under a prefix alone, so that the programs the units start are there."""
+    # systemd checks the units installed under a prefix alone, where the programs they start are.
     prefix = tmp_path / "prefix"
     install(str(prefix))
     units = prefix / "lib/systemd/system"

@@ -36,7 +36,6 @@ def test_marker_at_start_and_removed(sandbox, avahi):
     run("ip", "link", "set", "v0", "address", MAC)
     # /sys shows the network namespace of whoever mounted it.
     sandbox.mount_sysfs()
-    # The example configuration, with an ampersand to escape.
     install_conf("inventory.conf", {"device_manufacturer": "Bus&Tram", "network_interface": "v0",
                                     "moduleinfo_file_path": FILE})
     os.makedirs(os.path.dirname(MARKER))

@@ -1,9 +1,5 @@
-"""The Debian packages of scripts/package, installed with dpkg into throw-away overlays of a
-fresh Debian root (scripts/package-root) that holds only what they depend on, and run from
-there: the amd64 tavro-all with its real peers, the armhf tavro-time under qemu-arm.
-
-Run by the package stage of scripts/check, which names the packages and the root in
-TAVRO_PACKAGES (space-separated .deb paths) and TAVRO_PACKAGE_ROOT."""
+"""The Debian packages, installed with dpkg into overlays of a bare Debian root and run there.
+Run by scripts/check package (TAVRO_PACKAGES: the .deb paths; TAVRO_PACKAGE_ROOT)."""
 
 import os
 import re
@@ -21,7 +17,6 @@ pytestmark = pytest.mark.skipif(not PACKAGES or not BASE, reason="run by scripts
 
 
 def installed(sandbox, arch):
-    """A copy-on-write root with the package of arch installed by dpkg; returns its path."""
     deb, = [p for p in PACKAGES if p.endswith("_%s.deb" % arch)]
     upper, work, root = (sandbox.path("%s-%s" % (arch, name)) for name in ("upper", "work", "root"))
     for path in (upper, work, root):

@@ -6,25 +6,6 @@
 #include <chrono>
 #include <thread>
 
-// Levels above 4 print as DBG; LOGV needs more verbosity than the level it prints.
-TEST(Logger, LevelNamesClampingAndGuard) {
-    StderrCapture capture;
-    int formatted = 0;
-    for (int level : {0, 8}) {
-        VerbosityScope v(level);
-        LOG(0) << "error";
-        LOG(1) << "warning";
-        LOG(3) << "info " << ++formatted;
-        LOG(6) << "trace";
-        LOGV(8, 3) << "needs eight";
-        LogLine(3) << "forced"; // unguarded: always emitted
-    }
-    EXPECT_EQ(formatted, 1) << "a suppressed line is not formatted";
-    EXPECT_EQ(capture.text(), "ERR : error\nINFO: forced\n"
-                              "ERR : error\nWARN: warning\nINFO: info 1\nDBG : trace\n"
-                              "INFO: needs eight\nINFO: forced\n");
-}
-
 // The first line prints, repeats within the window are counted, and one line at the end of the
 // window says how many, without waiting for another line; other lines pass meanwhile.
 TEST(Logger, RepeatsWithinAWindowAreSummarised) {

@@ -10,8 +10,6 @@
 TEST(NetHelpers, HexBitFieldsAndAnUnknownInterface) {
     uint8_t payload[8];
     storeU64(0x8877665544332211u, payload);
-    EXPECT_EQ(toHex(payload, 3), "112233");
-    EXPECT_EQ(toHex(payload, 0), "");
     const uint8_t bytes[] = {0x00, 0xAB, 0x0F};
     EXPECT_EQ(toHex(bytes, 3), "00AB0F");
     const uint64_t raw = loadU64(payload);
@@ -19,9 +17,7 @@ TEST(NetHelpers, HexBitFieldsAndAnUnknownInterface) {
     EXPECT_EQ(bitFieldValue(raw, 0, 0, 2.0, -1.0), -1.0);
     EXPECT_EQ(bitFieldValue(raw, 64, 0, 2.0, 0.5), 0.5);
     EXPECT_EQ(bitFieldValue(raw, 0, 64, 1.0, 0.0), static_cast<double>(0x8877665544332211u));
-    EXPECT_EQ(bitFieldValue(~0ull, 0, 64, 0.5, 1.0), 0.5 * 18446744073709551615.0 + 1.0);
     EXPECT_EQ(bitFieldValue(raw, 8, 8, 1.0, 0.0), 0x22);
-    EXPECT_EQ(bitFieldValue(raw, 60, 4, 0.25, 0.0), 2.0);
     // The any address: a fit outgoing interface for multicast, and a readable "ifaddr: " line.
     EXPECT_EQ(interfaceAddress("tavro-none0"), "0.0.0.0");
     EXPECT_EQ(interfaceAddress("lo"), "127.0.0.1");
@@ -35,12 +31,18 @@ const std::string reopened = "INFO: Reopening socket!\nNOTE: ifaddr: 127.0.0.1\n
 
 // In the host namespace datagrams only go out of loopback with TTL 0: they never leave the
 // kernel. Sending on a real interface, its failure and the recovery are in the system tests.
-TEST(MulticastSender, ReportsOnceAMinuteInByteOrderWithIdleContextsAndNoFailedSends) {
+// A send that fails each time logs its three lines once per window and then how often; the
+// report counts what was sent, by context in byte order, idle contexts too.
+TEST(MulticastSender, FailuresInAFloodAreSummarisedAndReportedOnceAMinute) {
     VerbosityScope scope(3);
     time_t clock = 1000; // 00:16:40 UTC
     MulticastSender sender("239.255.42.1", "45871", "lo", 0, [&clock] { return clock; });
     StderrCapture capture;
-    EXPECT_FALSE(sender.send(std::string(70000, 'x'), "lost"));
+    {
+        RepeatWindowScope window(std::chrono::hours(1));
+        for (int i = 0; i < 500; ++i)
+            EXPECT_FALSE(sender.send(std::string(70000, 'x'), "lost"));
+    }
     sender.send("1", "FEF1");
     sender.send("2", "F004");
     sender.send("3", "\xc3\xa9t\xc3\xa9"); // bytes above 0x7F sort last, char signed or not
@@ -53,6 +55,9 @@ TEST(MulticastSender, ReportsOnceAMinuteInByteOrderWithIdleContextsAndNoFailedSe
     clock = 1200;
     sender.send("7", "F004");
     EXPECT_EQ(capture.text(), failed + "\n" + reopened +
+                                  "WARN: Repeated 499 times in 3600 s: " + failed.substr(6) +
+                                  "\nINFO: Repeated 499 times in 3600 s: Reopening socket!\n"
+                                  "NOTE: Repeated 499 times in 3600 s: ifaddr: 127.0.0.1\n"
                                   "INFO: multicast-stat for port 45871 since 00:16:40\n"
                                   "INFO: F004 = 1\n"
                                   "INFO: FEF1 = 3\n"
@@ -63,20 +68,4 @@ TEST(MulticastSender, ReportsOnceAMinuteInByteOrderWithIdleContextsAndNoFailedSe
                                   "INFO: FEF1 = 0\n"
                                   "INFO: no-context = 0\n"
                                   "INFO: \xc3\xa9t\xc3\xa9 = 0\n");
-}
-
-// A send that fails each time logs its three lines once per window and then how often.
-TEST(MulticastSender, FailuresInAFloodAreSummarised) {
-    VerbosityScope scope(3);
-    MulticastSender sender("239.255.42.1", "45871", "lo", 0);
-    StderrCapture capture;
-    {
-        RepeatWindowScope window(std::chrono::hours(1));
-        for (int i = 0; i < 500; ++i)
-            sender.send(std::string(70000, 'x'), "lost");
-    }
-    EXPECT_EQ(capture.text(), failed + "\n" + reopened +
-                                  "WARN: Repeated 499 times in 3600 s: " + failed.substr(6) +
-                                  "\nINFO: Repeated 499 times in 3600 s: Reopening socket!\n"
-                                  "NOTE: Repeated 499 times in 3600 s: ifaddr: 127.0.0.1\n");
 }

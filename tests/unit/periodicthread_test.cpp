@@ -1,13 +1,13 @@
 #include "PeriodicThread.h"
 
-#include "DocumentTestSupport.h"
 #include "Heartbeat.h"
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 
-#include <atomic>
+#include <future>
+#include <thread>
 
 using namespace std::chrono;
 
@@ -22,33 +22,13 @@ TEST(PeriodicThreadTest, DeadlinesKeepTheRhythmUnlessAWholePeriodWasMissed) {
               t0 + milliseconds(3500));
 }
 
-TEST(PeriodicThreadTest, RunsTurnsUntilStoppedAndStopsWithoutWaitingForThePeriod) {
-    std::atomic<int> turns{0};
-    PeriodicThread thread([&] { ++turns; });
-    EXPECT_FALSE(thread.start(microseconds(0))) << "would spin";
-    ASSERT_TRUE(thread.start(milliseconds(5)));
-    EXPECT_FALSE(thread.start(milliseconds(5))) << "already running";
-    while (turns < 3)
-        std::this_thread::sleep_for(milliseconds(1));
-    thread.stop();
-    const int after = turns;
-    std::this_thread::sleep_for(milliseconds(20));
-    EXPECT_EQ(turns, after) << "no turn after stop";
-
-    auto slow = std::make_unique<PeriodicThread>([&] { ++turns; });
-    ASSERT_TRUE(slow->start(hours(1)));
-    EXPECT_TRUE(finishesSoon([&] { slow.reset(); }));
-    EXPECT_EQ(turns, after);
-}
-
 // The watchdog's view: a thread idle for a long period still turns once a second, a thread
 // held up is named once it has stood still for the limit, and an ended thread is forgotten.
 TEST(PeriodicThreadTest, HeartbeatTellsAHeldUpThreadFromAnIdleOne) {
     using Clock = Heartbeat::Clock;
     PeriodicThread idle([] {});
     ASSERT_TRUE(idle.start(hours(1)));
-    std::promise<void> release;
-    std::promise<void> beaten;
+    std::promise<void> release, beaten;
     std::thread held([&] {
         pthread_setname_np(pthread_self(), "held up");
         Heartbeat::beat();
