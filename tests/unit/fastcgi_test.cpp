@@ -243,12 +243,12 @@ TEST(Server, DescriptorsSelectCannotWatchAreRefused) {
         close(fd);
 }
 
-// Writes its name and the body, or throws; the test sets its results.
+// Writes its name and the body, or throws if its name is t; the test sets its results.
 class NamedHook : public FcgiHook {
 public:
     NamedHook(char name, uint16_t port) : name(name) { registration.register_hook(this, port); }
     int handle_data(Request& request) override {
-        if (throws)
+        if (name == 't')
             throw std::runtime_error("hook failed");
         request.out += name + request.in;
         return dataResult;
@@ -261,7 +261,6 @@ public:
     const char name;
     int dataResult = 0;
     int completeResult = 0;
-    bool throws = false;
     FcgiHandler registration;
 };
 
@@ -273,10 +272,7 @@ TEST(FrontEnd, HooksOfTheRequestsPortInRegistrationOrderAndARestart) {
     NamedHook thrower('t', 8089);
     a->completeResult = 3;
     c.completeResult = 4;
-    thrower.throws = true;
     const std::string body = "A\xFF";
-    VerbosityScope verbose(3);
-    StderrCapture capture;
     auto listening = [port] { return close(endpoint(port)) == 0; };
     // The registry only changes while the front end is stopped.
     auto ask = [&](const std::string& serverPort) {
@@ -285,7 +281,6 @@ TEST(FrontEnd, HooksOfTheRequestsPortInRegistrationOrderAndARestart) {
         const std::string got = exchange(request(paramsStream(1, "/pgn", serverPort), body), port);
         // Serving goes on, after a hook that threw with a server started anew.
         EXPECT_TRUE(waitFor(listening));
-        // Before the verbosity goes back: the front end's thread reads it.
         FcgiHandler::stop();
         return got;
     };
@@ -310,6 +305,4 @@ TEST(FrontEnd, HooksOfTheRequestsPortInRegistrationOrderAndARestart) {
     c.dataResult = 0;
     EXPECT_EQ(ask("8085"), padded(STDOUT, 1, "c" + body + "b" + body) + err +
                                padded(STDOUT, 1, "cb") + ending(1, 4));
-    EXPECT_NE(capture.text().find("ERR : FastCGI server failed: hook failed. Restarting it.\n"),
-              std::string::npos);
 }
