@@ -1,6 +1,5 @@
-// pgn_requests CONF PGN... builds an FMStoIP service from CONF (its counts load from the
-// counter file), prints "ready", then adds each PGN once and removes each once, over and over,
-// until it is killed: the counter-file test kills it in the middle of a write.
+// pgn_requests CONF PGN...: an FMStoIP service from CONF prints "ready", then adds each PGN
+// once and removes each once until it is killed, so that a kill can land in a write.
 #include "Fmstoip.h"
 #include "Logger.h"
 
