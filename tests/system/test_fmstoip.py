@@ -1,5 +1,5 @@
-"""tavro-fmstoip's counter file, and the helpers of test_pgnhttp: frames on the virtual CAN
-bus, documents received by multicast on the far end of a veth pair."""
+"""tavro-fmstoip end to end: frames on the virtual CAN bus, documents received by multicast on
+the far end of a veth pair, the counter file. test_pgnhttp builds on these helpers."""
 
 import os
 import random
@@ -8,7 +8,7 @@ import time
 import xml.etree.ElementTree as ET
 from pathlib import Path
 
-from canbus_peer import BUILD_DIR
+from canbus_peer import BUILD_DIR, CanBus
 from sandbox import SLOW, SOURCE_DIR, Process
 
 GROUP = "239.10.0.2"
@@ -62,6 +62,27 @@ def frames_of(datagram):
     """(FMSVersion, [(PGN, Data)]) of a document, read by a strict parser."""
     fms = ET.fromstring(datagram).find("FMStoIP")
     return fms.get("FMSVersion"), [(f.findtext("PGN"), f.findtext("Data")) for f in fms]
+
+
+def threads(pid):
+    """{thread name: the fields of its stat after the name} of a process."""
+    stats = [p.read_text() for p in Path("/proc/%d/task" % pid).glob("*/stat")]
+    return {s[s.find("(") + 1:s.rfind(")")]: s[s.rfind(")") + 1:].split() for s in stats}
+
+
+def test_immediate_mode_sends_each_requested_frame(sandbox):
+    listener = network(sandbox)
+    bus = CanBus(sandbox)
+    sandbox.write_conf("tavro.conf", {"realtime_priority": 1})
+    proc = start(sandbox, bus)
+    play(bus, CCVS, EEC1)
+    ((_, datagram, ttl),) = listener.wait_for(1)
+    assert datagram.decode().startswith(
+        '<?xml version="1.0"?>\n<FMStoIPDelivery version="1.1a">\n'
+        '\t<FMStoIP FMSVersion="0000">\n\t\t<Frame Status="OK">\n\t\t\t<PGN>FEF1</PGN>\n')
+    assert frames_of(datagram)[1] == [("FEF1", "0480140000000000")] and ttl == 1
+    # Only the threads that carry frames are real-time (policy 1: SCHED_FIFO).
+    assert {n for n, f in threads(proc.pid).items() if f[38] == "1"} == {"can can0", "fmstoip"}
 
 
 def test_counter_file_is_never_left_torn(sandbox):

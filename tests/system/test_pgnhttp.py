@@ -1,5 +1,4 @@
-"""PGN requests over HTTP: a real nginx in front of tavro-fmstoip, frames from the virtual CAN
-bus, multicast on the far end of a veth pair; and the FastCGI port attacked past nginx."""
+"""PGN requests through a real nginx in front of tavro-fmstoip; the FastCGI port attacked."""
 
 import contextlib
 import errno
@@ -16,7 +15,7 @@ from pathlib import Path
 from canbus_peer import CanBus
 from nginx_peer import Nginx, wait_for_port
 from sandbox import SANITIZED, SLOW, SOURCE_DIR
-from test_fmstoip import CCVS, EEC1, frames_of, network, play, start
+from test_fmstoip import CCVS, EEC1, frames_of, network, play, start, threads
 
 FCGI_PORT = 9000
 BEGIN, PARAMS, STDIN, GET_VALUES = 1, 4, 5, 9
@@ -43,19 +42,13 @@ def serve(sandbox, bus, general=(), **options):
     return proc, ask
 
 
-def threads(pid):
-    """{thread name: the fields of its stat after the name} of a process."""
-    stats = [p.read_text() for p in Path("/proc/%d/task" % pid).glob("*/stat")]
-    return {s[s.find("(") + 1:s.rfind(")")]: s[s.rfind(")") + 1:].split() for s in stats}
-
-
 def status_kb(pid, key="VmRSS"):
     status = Path("/proc/%d/status" % pid).read_text()
     return int(re.search(r"^%s:\s+(\d+) kB" % key, status, re.M).group(1))
 
 
 def test_pgn_requests_through_nginx(sandbox, avahi):
-    """Requests end to end, in immediate mode; then bus bytes and mapping texts that are not
+    """Requests end to end; then bus bytes and mapping texts that are not
     UTF-8 XML text: every datagram and every PGNGet answer still parses, with U+FFFD in their
     place; then a bus walking the whole PGN space grows RSS by a bounded figure."""
     mapping = sandbox.path("latin1.json")
@@ -66,8 +59,7 @@ def test_pgn_requests_through_nginx(sandbox, avahi):
         b' {"pgn": 65260, "spns": [{"type": 2, "number": 237, "name": "VIN"}]}]')
     listener = network(sandbox)
     bus = CanBus(sandbox)
-    general = {"fcgi_address": "127.0.0.1", "realtime_priority": 1}
-    proc, ask = serve(sandbox, bus, general=general, mapping_file=mapping)
+    proc, ask = serve(sandbox, bus, general={"fcgi_address": "127.0.0.1"}, mapping_file=mapping)
     # The web server is on the same device: the vehicle network does not reach the port.
     assert socket.socket().connect_ex(("10.20.0.1", FCGI_PORT)) == errno.ECONNREFUSED
 
@@ -86,7 +78,6 @@ def test_pgn_requests_through_nginx(sandbox, avahi):
         assert answer[:2] == (200, "text/xml"), (pgn, answer)
         return answer[2]
 
-    assert ask("get", "PGNGet") == NO_PACKET
     # Seen on the bus but not requested: kept for the get request, not sent.
     play(bus, CCVS)
     assert frames_of(got("FEF1"))[1] == [("FEF1", "0480140000000000")]
@@ -99,12 +90,6 @@ def test_pgn_requests_through_nginx(sandbox, avahi):
 
     assert ask("add", "PGNReq", "F004") == ask("add", "PGNReq") == OK
     assert sent(CCVS) == ["FEF1", "F004"]
-    assert listener.payloads()[0].decode().startswith(
-        '<?xml version="1.0"?>\n<FMStoIPDelivery version="1.1a">\n'
-        '\t<FMStoIP FMSVersion="0000">\n\t\t<Frame Status="OK">\n\t\t\t<PGN>FEF1</PGN>\n')
-    assert all(d[2] == 1 for d in listener.datagrams), "the configured TTL"
-    # Only the threads that carry frames are real-time (policy 1: SCHED_FIFO).
-    assert {n for n, f in threads(proc.pid).items() if f[38] == "1"} == {"can can0", "fmstoip"}
     assert ask("add", "PGNReq") == ask("remove", "PGNRem") == ask("remove", "PGNRem") == OK
     assert sent(CCVS) == ["F004"]
 
