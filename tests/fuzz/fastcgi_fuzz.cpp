@@ -12,61 +12,41 @@ namespace {
 
 using namespace FastCGIServer;
 
-// Callbacks that do what an application may: read params and in, write out and err,
-// take the body or leave it, end a request early.
-int onRequest(Request& request) {
-    request.out += "Status: 200\r\n\r\n";
-    auto found = request.params.find("STATUS");
-    return found == request.params.end() ? 0 : static_cast<int>(found->second.size());
-}
-
-int onData(Request& request) {
+// What an application may do: read params and in, write out and err, take the body or
+// leave it, end a request early.
+int callback(Request& request) {
+    request.out += request.in.substr(0, 3);
     request.err.append(request.in, 0, 16);
     if (request.in.size() % 3 == 0)
         request.in.clear();
-    return request.in.size() == 7 ? 1 : 0;
+    return static_cast<int>(request.params.size() % 5 == 4 || request.in.size() == 7);
 }
 
-int onComplete(Request& request) {
-    request.out += request.in;
-    return static_cast<int>(request.params.size() % 2);
-}
-
-// Feeds the bytes in reads of step bytes; with flushEach, flushes after every read as the
-// server does before its writes. Returns everything the connection queued.
-std::string feed(const uint8_t* data, std::size_t size, std::size_t step, bool flushEach) {
+std::string feed(const uint8_t* data, std::size_t size, std::size_t step) {
     Callbacks callbacks;
-    callbacks.request = std::make_unique<StaticHandler>(onRequest);
-    callbacks.data = std::make_unique<StaticHandler>(onData);
-    callbacks.complete = std::make_unique<StaticHandler>(onComplete);
+    callbacks.request = std::make_unique<StaticHandler>(callback);
+    callbacks.data = std::make_unique<StaticHandler>(callback);
+    callbacks.complete = std::make_unique<StaticHandler>(callback);
     Limits limits;
     // Small, so that inputs reach the bound.
     limits.maxHeldBytes = 16 * 1024;
     Connection connection(callbacks, limits);
-    std::string sent;
     for (std::size_t pos = 0; pos < size; pos += step) {
         const std::size_t length = std::min(step, size - pos);
         connection.receive(reinterpret_cast<const char*>(data + pos), length);
-        if (flushEach) {
-            connection.flushAll();
-            sent += connection.output;
-            connection.output.clear();
-        }
         if (connection.heldBytes() > limits.maxHeldBytes ||
             connection.input.size() >= headerLength + maxContentLength + 255 + length)
             abort();
     }
     connection.flushAll();
-    return sent + connection.output;
+    return connection.output;
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    const std::string whole = feed(data, size, std::max<std::size_t>(size, 1), false);
     // How the bytes are cut into reads must not change the answer.
-    if (feed(data, size, 1 + size % 13, false) != whole)
+    if (feed(data, size, std::max<std::size_t>(size, 1)) != feed(data, size, 1 + size % 13))
         abort();
-    feed(data, size, 1 + size % 4096, true);
     return 0;
 }

@@ -1,8 +1,6 @@
-// pgn_requests CONF PGN... builds an FMStoIP service from CONF (its counts load from the
-// counter file), prints "ready", then adds each PGN once and removes each once, over and over,
-// until it is killed: the counter-file test kills it in the middle of a write.
+// pgn_requests CONF PGN...: an FMStoIP service from CONF prints "ready", then adds each PGN
+// once and removes each once until it is killed, so that a kill can land in a write.
 #include "Fmstoip.h"
-#include "Logger.h"
 
 #include <iostream>
 #include <string>
@@ -11,7 +9,6 @@
 int main(int argc, char** argv) {
     if (argc < 3)
         return 2;
-    verbosity = 1;
     const std::vector<std::string> pgns(argv + 2, argv + argc);
     Fmstoip service{Configuration(argv[1])};
     std::cout << "ready" << std::endl;

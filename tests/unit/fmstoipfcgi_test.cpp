@@ -33,7 +33,7 @@ TEST(FmstoipFcgi, PathOrderAnswersAndLogLines) {
                             "INFO: html req error. 400\n"},
     };
     TempDir dir;
-    VerbosityScope quiet(-1);
+    VerbosityScope verbose(3);
     FmstoipFcgi fcgi(Configuration(dir.write("a", "service_path=/g")),
                      Configuration(dir.write("r", "service_path=/r")),
                      Configuration(dir.write("g", "service_path=/g")));
@@ -47,7 +47,6 @@ TEST(FmstoipFcgi, PathOrderAnswersAndLogLines) {
         if (uri != "/g/")
             request.params.insert({{"REMOTE_ADDR", "10.0.0.9"}, {"SERVER_PORT", "8085"}});
         request.in = c.first.substr(uri.size() + 1);
-        VerbosityScope verbose(3);
         StderrCapture capture;
         EXPECT_EQ(fcgi.handle_data(request), 0);
         const std::string from = uri != "/g/" ? "10.0.0.9 on port 8085" : " on port ";
