@@ -3,6 +3,7 @@
 // end; the bytes between are the mapping file, loaded as an FMStoIP and as a VEHICLEtoIP
 // mapping. Every frame goes to each decoder as a CAN reader hands it over.
 #include "BasicCanDecoder.h"
+#include "DecodedFrame.h"
 #include "JsonCanDecoder.h"
 #include "Logger.h"
 #include "VtoIpDecoder.h"
