@@ -12,9 +12,9 @@
 
 namespace {
 
-// "number=value; ..." of the SPNs of a frame: statuses by their description, or by their value
-// when raw or when the mapping gives none; those not available are left out.
-std::string values(const DecodedFrame& frame, bool raw = false) {
+// "number=value; ..." of the SPNs of a frame, statuses by their raw value; those not available
+// are left out.
+std::string values(const DecodedFrame& frame) {
     std::ostringstream text;
     text << std::setprecision(10);
     for (const SPN* spn : frame.spns()) {
@@ -24,10 +24,8 @@ std::string values(const DecodedFrame& frame, bool raw = false) {
         text << (text.tellp() > 0 ? "; " : "") << spn->getNumber() << '=';
         if (auto* number = dynamic_cast<const SPNNumeric*>(spn))
             text << number->getValue();
-        else if (state && (raw || state->getDescription().empty()))
-            text << state->getValue();
         else if (state)
-            text << state->getDescription();
+            text << state->getValue();
         else
             text << dynamic_cast<const SPNString*>(spn)->getValue();
     }
@@ -36,7 +34,8 @@ std::string values(const DecodedFrame& frame, bool raw = false) {
 
 } // namespace
 
-TEST(JsonCanDecoder, PgnOfIdentifiersAndWhatIsAccepted) {
+// Identifiers, string fields split at stars, transport messages (BAM) reassembled.
+TEST(JsonCanDecoder, FramesOfTheTestMapping) {
     EXPECT_EQ(pgnOf(0x18FEF100), 0xFEF1);
     EXPECT_EQ(pgnOf(0x0CEA00FE), 0xEA00);
     JsonCanDecoder decoder(testData("fms_mapping.json"));
@@ -50,6 +49,24 @@ TEST(JsonCanDecoder, PgnOfIdentifiersAndWhatIsAccepted) {
         EXPECT_TRUE(decoder.acceptsShared(canFrame(id)));
         EXPECT_FALSE(decoder.accepts(canFrame(id)));
     }
+
+    // Empty fields count; none follows a final star.
+    EXPECT_EQ(values(*decode(decoder, canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*', 'F', '*'}))),
+              "1625=ABC; 1626=");
+    StderrCapture capture;
+    EXPECT_FALSE(decode(decoder, canFrame(0x18FE6B00, {'A', 'B', 'C', 'D', 'E', 'F', 'G', '*'})));
+    capture.restore();
+    EXPECT_EQ(capture.text(), "WARN: There are more strings defined in spn: 1626 than there are "
+                              "in the actual message.\nWARN: ABCDEFG*\n");
+
+    // TP.CM and the first TP.DT frames come out as ordinary frames; the last one completes.
+    const std::string vin = "WDB9634031L123456*";
+    EXPECT_EQ(decode(decoder, bamAnnounce(0xFEEC, 21, 3))->getPgn(), 0xECFF);
+    EXPECT_EQ(decode(decoder, bamPacket(1, vin.substr(0, 7)))->getPgn(), 0xEBFF);
+    EXPECT_EQ(decode(decoder, bamPacket(2, vin.substr(7, 7)))->getPgn(), 0xEBFF);
+    auto message = decode(decoder, bamPacket(3, vin.substr(14)));
+    EXPECT_EQ(message->getDataLength(), 21u);
+    EXPECT_EQ(values(*message), "237=WDB9634031L123456");
 }
 
 // What bus strings and file texts become in a document.
@@ -57,10 +74,9 @@ TEST(XmlText, ValidTextStaysAndEachBadByteBecomesOneReplacement) {
     const std::string r = XmlText::replacement;
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
-        {"WDB9634031L123456 <&>\t\r\n", "WDB9634031L123456 <&>\t\r\n"},
         // Two-, three- and four-byte characters, the last allowed ones below U+FFFE and beyond.
-        {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF",
-         "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF"},
+        {"<&>\t\r\n\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF",
+         "<&>\t\r\n\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x9A\x8C \xEF\xBF\xBD \xF4\x8F\xBF\xBF"},
         // FMS version bytes as one bus sent them; control bytes and DEL-free C0.
         {"0\xFE\x01\x32", "0" + r + r + "2"},
         {std::string("a\0b\x1F\x7F", 5), "a" + r + "b" + r + "\x7F"},
@@ -78,33 +94,10 @@ TEST(XmlText, ValidTextStaysAndEachBadByteBecomesOneReplacement) {
     EXPECT_EQ(XmlText::firstCharacters("0" + r + r + "2", 2), "0" + r);
 }
 
-// String fields split at stars; transport messages (BAM) reassembled.
-TEST(JsonCanDecoder, StringFieldsAndTransportMessages) {
-    JsonCanDecoder decoder(testData("fms_mapping.json"));
-    // Empty fields count; none follows a final star.
-    EXPECT_EQ(values(*decode(decoder, canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*', 'F', '*'}))),
-              "1625=ABC; 1626=");
-    StderrCapture capture;
-    EXPECT_FALSE(decode(decoder, canFrame(0x18FE6B00, {'A', 'B', 'C', 'D', 'E', 'F', 'G', '*'})));
-    capture.restore();
-    EXPECT_EQ(capture.text(), "WARN: There are more strings defined in spn: 1626 than there are "
-                              "in the actual message.\nWARN: ABCDEFG*\n");
-
-    // TP.CM and the first TP.DT frames come out as ordinary frames; the last one completes.
-    const std::string vin = "WDB9634031L123456*";
-    EXPECT_EQ(decode(decoder, bamAnnounce(0xFEEC, 21, 3))->getPgn(), 0xECFF);
-    for (uint8_t seq = 1; seq <= 2; ++seq) {
-        auto packet = decode(decoder, bamPacket(seq, vin.substr(7 * (seq - 1), 7)));
-        EXPECT_EQ(packet->getPgn(), 0xEBFF);
-        EXPECT_EQ(packet->getData()[0], seq);
-    }
-    auto message = decode(decoder, bamPacket(3, vin.substr(14)));
-    EXPECT_EQ(message->getDataLength(), 21u);
-    EXPECT_EQ(values(*message), "237=WDB9634031L123456");
-}
-
-// Each with its level-0 line; the decoder still shares transport frames.
-TEST(JsonCanDecoder, UnusableFilesLeaveOnlyTransportFrames) {
+// Each with its level-0 line: an unusable file leaves only the shared transport frames, a value
+// of the wrong type its rule or entry.
+TEST(JsonCanDecoder, TheLoaderRefusesWhatItCannotUse) {
+    VerbosityScope quiet(0);
     TempDir dir;
     const std::pair<std::string, std::string> cases[] = {
         {dir.file("missing.json"), "ERR : File not found!\n"},
@@ -114,7 +107,6 @@ TEST(JsonCanDecoder, UnusableFilesLeaveOnlyTransportFrames) {
         {"/dev/zero", "ERR : /dev/zero is larger than 1048576 bytes, not read.\n"},
     };
     for (const auto& [path, line] : cases) {
-        VerbosityScope quiet(0);
         StderrCapture capture;
         JsonCanDecoder decoder(path);
         capture.restore();
@@ -122,6 +114,22 @@ TEST(JsonCanDecoder, UnusableFilesLeaveOnlyTransportFrames) {
         EXPECT_FALSE(decoder.accepts(canFrame(0x18FEF100)));
         EXPECT_TRUE(decoder.acceptsShared(canFrame(0x1CECFF00)));
     }
+
+    const std::string file = testData("wrong_types.json");
+    StderrCapture capture;
+    JsonCanDecoder decoder(file);
+    capture.restore();
+    const std::string log = capture.text();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 6) << log; // rules 0-2, entries 1-3
+    EXPECT_EQ(log.substr(0, log.find('\n')),
+              "ERR : " + file +
+                  ": PGN 65265: rule 0: \"offset\" has the wrong type, rule skipped.");
+    EXPECT_EQ(
+        values(*decode(decoder, canFrame(0x18FEF100, {'A', 'B', 'C', 'D', 'E', 'F', 'G', '*'}))),
+        "9=ABCDEFG; 10=65");
+    // The entry with a bad rule list still names its PGN; a text PGN does not.
+    EXPECT_TRUE(decoder.accepts(canFrame(0x18FEF300)));
+    EXPECT_FALSE(decoder.accepts(canFrame(0x18FEF200)));
 }
 
 // A description for every 16-bit value.
@@ -132,30 +140,8 @@ TEST(JsonCanDecoder, HugeDescriptionArray) {
         json += ",\"v" + std::to_string(i) + "\"";
     TempDir dir;
     JsonCanDecoder decoder(dir.write("huge.json", json + "]}]}]"));
-    EXPECT_EQ(values(*decode(decoder, canFrame(0x18FEF100, {0x34, 0x12, 0x01}))), "0=v4660");
-}
-
-// Refused at load with a level-0 line each; the rest of the file decodes.
-TEST(JsonCanDecoder, ValuesOfTheWrongTypeAreRefusedAtLoad) {
-    const std::string file = testData("wrong_types.json");
-    VerbosityScope quiet(0);
-    StderrCapture capture;
-    JsonCanDecoder decoder(file);
-    capture.restore();
-    const std::string log = capture.text();
-    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 6) << log; // rules 1-3, entries 1-3
-    EXPECT_EQ(log.substr(0, log.find('\n')),
-              "ERR : " + file +
-                  ": PGN 65265: rule 1: \"offset\" has the wrong type, rule skipped.");
-    // The control byte and the padding cannot go into a document: one U+FFFD each.
-    std::string replaced;
-    for (int i = 0; i < 7; ++i)
-        replaced += XmlText::replacement;
-    EXPECT_EQ(values(*decode(decoder, canFrame(0x18FEF100, {'A', 0x01}))),
-              "1=65; 9=A" + replaced + "; 10=65");
-    // The entry with a bad rule list still names its PGN; a text PGN does not.
-    EXPECT_TRUE(decoder.accepts(canFrame(0x18FEF300)));
-    EXPECT_FALSE(decoder.accepts(canFrame(0x18FEF200)));
+    auto frame = decode(decoder, canFrame(0x18FEF100, {0x34, 0x12, 0x01}));
+    EXPECT_EQ(status(*frame, 0).getDescription(), "v4660");
 }
 
 // The shipped FMS mapping, on one frame of each parameter group as a vehicle sends it; the
@@ -198,7 +184,7 @@ TEST(FmsMapping, OneFrameOfEachParameterGroup) {
             auto frame = decode(decoder, raw);
             ASSERT_TRUE(frame) << text;
             signals += frame->spns().size();
-            got += (got.empty() ? "" : " | ") + values(*frame, true);
+            got += (got.empty() ? "" : " | ") + values(*frame);
         }
         EXPECT_EQ(got, expected);
     }
@@ -218,7 +204,7 @@ TEST(FmsMapping, AgreesWithThePublicJ1939Mapping) {
     for (uint32_t pgn = 0; pgn <= 0xFFFF; ++pgn) {
         const PgnMapping::Group* a = ours.find(static_cast<uint16_t>(pgn));
         const PgnMapping::Group* b = theirs.find(static_cast<uint16_t>(pgn));
-        for (const SpnRule& mine : a&& b ? a->rules : std::vector<SpnRule>()) {
+        for (const SpnRule& mine : a&& b ? a->rules : std::vector<SpnRule>())
             for (const SpnRule& other : b->rules) {
                 if (other.number != mine.number)
                     continue;
@@ -228,7 +214,6 @@ TEST(FmsMapping, AgreesWithThePublicJ1939Mapping) {
                     std::tie(other.type, other.position, other.width, other.gain, other.offset))
                     << "SPN " << mine.number;
             }
-        }
     }
     EXPECT_EQ(compared, 40u);
 }
