@@ -1,8 +1,7 @@
 // libFuzzer target for the mapping loader and both decoders. The input's first byte says how
 // many CAN frames (13 bytes each: identifier word, length code, 8 data bytes) stand at its
 // end; the bytes between are the mapping file, loaded as an FMStoIP and as a VEHICLEtoIP
-// mapping. Every frame goes to each decoder as a CAN reader hands it over.
-#include "BasicCanDecoder.h"
+// mapping. Every frame goes to both decoders as a CAN reader hands it over.
 #include "DecodedFrame.h"
 #include "JsonCanDecoder.h"
 #include "Logger.h"
@@ -31,13 +30,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     JsonCanDecoder fms(path);
     VtoIpDecoder vehicle(path);
-    BasicCanDecoder basic;
     for (const uint8_t* record = data + 1 + mappingSize; record < data + size; record += 13) {
         can_frame frame = {};
         memcpy(&frame.can_id, record, 4);
         frame.can_dlc = record[4];
         memcpy(frame.data, record + 5, 8);
-        for (CanDecoder* decoder : std::initializer_list<CanDecoder*>{&fms, &vehicle, &basic}) {
+        for (CanDecoder* decoder : std::initializer_list<CanDecoder*>{&fms, &vehicle}) {
             const bool shared = decoder->acceptsShared(frame);
             if (!decoder->accepts(frame) && !shared)
                 continue;

@@ -116,7 +116,6 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(TempDir::read(counterFile), "0100=7\nF004=119\nFEF1=2\n");
     for (int i = 0; i < 150; ++i)
         service->addPgn("0200");
-    // Texts are bounded in length and number.
     StderrCapture bounds;
     service->addPgn(std::string(Fmstoip::maxRequestLength + 1, 'A'));
     for (size_t i = 5; i <= Fmstoip::maxRequestedPgns + 1; ++i)
@@ -131,9 +130,8 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(std::count(counts.begin(), counts.end(), '\n'), 1024);
 }
 
-// PGNGet gives what immediate mode sent for the same frame. Frames that 8 bytes do not
-// describe are kept whole up to a bound, beyond which the least recently seen of a PGN not
-// requested goes.
+// PGNGet gives what immediate mode sent. Frames longer than 8 bytes are kept whole up to a
+// bound, beyond which the least recently seen of a PGN not requested goes.
 TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
     auto service = start("period_ms=0\n");
     service->addPgn("FEF1");
@@ -180,9 +178,8 @@ TEST(AtomicFile, LinksAndModesStay) {
     EXPECT_EQ(error.rfind("open " + dir.file("missing/file.tmp") + " failed: ", 0), 0u) << error;
 }
 
-// Once the consumer takes frames, a full queue holds the reader up instead of dropping, for as
-// long as the allowance; past it, the oldest frames go, at once, with one line and a count per
-// window rather than a line per frame.
+// Once the consumer takes frames, a full queue holds the reader up for the allowance; past it,
+// the oldest frames go at once, with one line and a count per window, not a line per frame.
 TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowanceThenDropsTheOldest) {
     VerbosityScope warnings(1);
     StderrCapture capture;
@@ -251,12 +248,11 @@ TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
         EXPECT_EQ(text, plain ? generator.frameDocument() : "untouched");
     };
     JsonCanDecoder decoder(testData("fms_mapping.json"));
-    // Units, numbers, status texts, one of them empty, an empty string and version; a text XML
-    // escapes, and a character beyond ASCII.
+    // Units, numbers, status texts, one of them empty, an empty string and version; a text that
+    // XML escapes.
     check(*decode(decoder, canFrame(0x18FEF100, {0x04, 0x80, 0x14})), "0402", true);
     check(*decode(decoder, canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*'})), "", true);
     check(*decode(decoder, canFrame(0x18FE6B00, {'A', '&', 'C', '*', 'x', '*'})), "04", false);
-    check(*decode(decoder, canFrame(0x18FEF100, {0x00})), "\xC3\xA4", false);
     // Numbers as "%.3f" writes them: half a thousandth, a negative that rounds to zero, a 64-bit
     // field's largest, and a seeded sweep over common gains (1: integers) and an offset.
     DecodedFrame numbers;
