@@ -138,7 +138,6 @@ TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
     DecodedFrame requested = frame(0xFEF1, 5, {0x01, 0x02});
     service->handleFrame(&requested);
     EXPECT_EQ(next(), service->getPgnDocument("FEF1"));
-    EXPECT_EQ(service->getPgnDocument("FEF2"), "");
 
     const uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
     DecodedFrame whole = frame(0xFEF1, 1);
@@ -174,8 +173,6 @@ TEST(AtomicFile, LinksAndModesStay) {
     EXPECT_EQ(info.st_mode & 07777, 0600u);
     EXPECT_EQ(TempDir::read(target), "new\n");
     EXPECT_EQ(TempDir::read(dir.file("absent")), "first\n");
-    EXPECT_FALSE(AtomicFile::replace(dir.file("missing/file"), "x", &error));
-    EXPECT_EQ(error.rfind("open " + dir.file("missing/file.tmp") + " failed: ", 0), 0u) << error;
 }
 
 // Once the consumer takes frames, a full queue holds the reader up for the allowance; past it,
