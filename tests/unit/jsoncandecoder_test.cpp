@@ -170,8 +170,7 @@ TEST(FmsMapping, OneFrameOfEachParameterGroup) {
         for (std::string text; in >> text; ++groups) {
             can_frame raw = canFrame(static_cast<uint32_t>(std::stoul(text, nullptr, 16)));
             for (size_t i = 9; i < text.size(); i += 2)
-                raw.data[(i - 9) / 2] =
-                    static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16));
+                raw.data[(i - 9) / 2] = std::stoi(text.substr(i, 2), nullptr, 16);
             auto frame = decode(decoder, raw);
             ASSERT_TRUE(frame) << text;
             signals += frame->spns().size();
