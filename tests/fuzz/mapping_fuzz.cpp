@@ -2,7 +2,6 @@
 // many CAN frames (13 bytes each: identifier word, length code, 8 data bytes) stand at its
 // end; the bytes between are the mapping file, loaded as an FMStoIP and as a VEHICLEtoIP
 // mapping. Every frame goes to both decoders as a CAN reader hands it over.
-#include "BasicCanDecoder.h"
 #include "DecodedFrame.h"
 #include "JsonCanDecoder.h"
 #include "Logger.h"
@@ -11,31 +10,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-
-namespace {
-
-constexpr size_t frameSize = 13;
-
-void offer(CanDecoder& decoder, const can_frame& frame) {
-    const bool shared = decoder.acceptsShared(frame);
-    if (!decoder.accepts(frame) && !shared)
-        return;
-    std::unique_ptr<DecodedFrame> decoded(decoder.decode(frame));
-    if (!decoded)
-        return;
-    // The SPNs of a single frame are decoded when first asked for.
-    decoded->spns();
-    if (decoded->getDataLength() > DecodedFrame::maxData)
-        abort();
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const int fd = memfd_create("mapping", 0);
@@ -43,27 +22,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     verbosity = -1;
     if (size == 0)
         return 0;
-    size_t frames = data[0] % 32;
-    if (frames * frameSize > size - 1)
-        frames = (size - 1) / frameSize;
-    const size_t mappingSize = size - 1 - frames * frameSize;
-    if (ftruncate(fd, 0) != 0 || (mappingSize > 0 && pwrite(fd, data + 1, mappingSize, 0) !=
-                                                         static_cast<ssize_t>(mappingSize)))
+    const size_t frames = std::min<size_t>(data[0] % 32, (size - 1) / 13);
+    const size_t mappingSize = size - 1 - frames * 13;
+    if (ftruncate(fd, 0) != 0 ||
+        pwrite(fd, data + 1, mappingSize, 0) != static_cast<ssize_t>(mappingSize))
         abort();
 
     JsonCanDecoder fms(path);
     VtoIpDecoder vehicle(path);
-    BasicCanDecoder basic;
-    const uint8_t* record = data + 1 + mappingSize;
-    for (size_t i = 0; i < frames; ++i, record += frameSize) {
-        can_frame frame;
-        memset(&frame, 0, sizeof frame);
+    for (const uint8_t* record = data + 1 + mappingSize; record < data + size; record += 13) {
+        can_frame frame = {};
         memcpy(&frame.can_id, record, 4);
         frame.can_dlc = record[4];
         memcpy(frame.data, record + 5, 8);
-        offer(fms, frame);
-        offer(vehicle, frame);
-        offer(basic, frame);
+        for (CanDecoder* decoder : std::initializer_list<CanDecoder*>{&fms, &vehicle}) {
+            const bool shared = decoder->acceptsShared(frame);
+            if (!decoder->accepts(frame) && !shared)
+                continue;
+            std::unique_ptr<DecodedFrame> decoded(decoder->decode(frame));
+            if (!decoded)
+                continue;
+            // The SPNs of a single frame are decoded when first asked for.
+            decoded->spns();
+            if (decoded->getDataLength() > DecodedFrame::maxData)
+                abort();
+        }
     }
     return 0;
 }

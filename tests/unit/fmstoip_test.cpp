@@ -12,9 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <thread>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -51,7 +49,7 @@ protected:
                                 "\nnetwork_interface=lo\nmulticast_ttl=0\npgn_counter_file=" +
                                 counterFile + "\n" + settings)));
     }
-    // The next datagram; "" when none came within the wait.
+    // "" when none came within the wait.
     std::string next(int waitMs = 20000) {
         pollfd ready = {fd, POLLIN, 0};
         char buffer[65536];
@@ -118,7 +116,6 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(TempDir::read(counterFile), "0100=7\nF004=119\nFEF1=2\n");
     for (int i = 0; i < 150; ++i)
         service->addPgn("0200");
-    // Texts are bounded in length and number.
     StderrCapture bounds;
     service->addPgn(std::string(Fmstoip::maxRequestLength + 1, 'A'));
     for (size_t i = 5; i <= Fmstoip::maxRequestedPgns + 1; ++i)
@@ -133,16 +130,14 @@ TEST_F(FmstoipTest, RequestCountsAndTheCounterFile) {
     EXPECT_EQ(std::count(counts.begin(), counts.end(), '\n'), 1024);
 }
 
-// PGNGet gives what immediate mode sent for the same frame. Frames that 8 bytes do not
-// describe are kept whole up to a bound, beyond which the least recently seen of a PGN not
-// requested goes.
+// PGNGet gives what immediate mode sent. Frames longer than 8 bytes are kept whole up to a
+// bound, beyond which the least recently seen of a PGN not requested goes.
 TEST_F(FmstoipTest, LatestFramesAndTheBoundOfWholeOnes) {
     auto service = start("period_ms=0\n");
     service->addPgn("FEF1");
     DecodedFrame requested = frame(0xFEF1, 5, {0x01, 0x02});
     service->handleFrame(&requested);
     EXPECT_EQ(next(), service->getPgnDocument("FEF1"));
-    EXPECT_EQ(service->getPgnDocument("FEF2"), "");
 
     const uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
     DecodedFrame whole = frame(0xFEF1, 1);
@@ -178,13 +173,10 @@ TEST(AtomicFile, LinksAndModesStay) {
     EXPECT_EQ(info.st_mode & 07777, 0600u);
     EXPECT_EQ(TempDir::read(target), "new\n");
     EXPECT_EQ(TempDir::read(dir.file("absent")), "first\n");
-    EXPECT_FALSE(AtomicFile::replace(dir.file("missing/file"), "x", &error));
-    EXPECT_EQ(error.rfind("open " + dir.file("missing/file.tmp") + " failed: ", 0), 0u) << error;
 }
 
-// Once the consumer takes frames, a full queue holds the reader up instead of dropping, for as
-// long as the allowance; past it, the oldest frames go, at once, with one line and a count per
-// window rather than a line per frame.
+// Once the consumer takes frames, a full queue holds the reader up for the allowance; past it,
+// the oldest frames go at once, with one line and a count per window, not a line per frame.
 TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowanceThenDropsTheOldest) {
     VerbosityScope warnings(1);
     StderrCapture capture;
@@ -226,6 +218,7 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowanceThenDropsTheOldest) {
 // texts that XML would escape are left to the template.
 TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
     auto check = [](const DecodedFrame& frame, const std::string& version, bool plain) {
+        SCOPED_TRACE(version);
         FmsXMLGenerator generator(true);
         generator.setFmsVersion(version);
         std::string text = "untouched";
@@ -252,32 +245,21 @@ TEST(FmsXMLGenerator, PlainDocumentsAreTheTemplatesOwn) {
         EXPECT_EQ(text, plain ? generator.frameDocument() : "untouched");
     };
     JsonCanDecoder decoder(testData("fms_mapping.json"));
-    const std::tuple<can_frame, std::string, bool> cases[] = {
-        // Units, numbers, status texts, one of them empty; texts XML escapes, and a character
-        // beyond ASCII.
-        {canFrame(0x18FEF100, {0x04, 0x80, 0x14}), "0402", true},
-        {canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*'}), "", true},
-        {canFrame(0x18FE6B00, {'A', '&', 'C', '*', 'x', '*'}), "04", false},
-        {canFrame(0x18FEF100, {0x00}), "0\"", false},
-        {canFrame(0x18FFFF00, {0x01}), "\xC3\xA4", false},
-    };
-    for (const auto& [raw, version, plain] : cases) {
-        SCOPED_TRACE(version);
-        check(*decode(decoder, raw), version, plain);
-    }
-    // Numbers as "%.3f" writes them: halves of thousandths, signs, beyond 2^40, not numbers,
-    // and a sweep over the fields of common gains (1: integers) and offsets.
+    // Units, numbers, status texts, one of them empty, an empty string and version; a text that
+    // XML escapes.
+    check(*decode(decoder, canFrame(0x18FEF100, {0x04, 0x80, 0x14})), "0402", true);
+    check(*decode(decoder, canFrame(0x18FE6B00, {'A', 'B', 'C', '*', '*'})), "", true);
+    check(*decode(decoder, canFrame(0x18FE6B00, {'A', '&', 'C', '*', 'x', '*'})), "04", false);
+    // Numbers as "%.3f" writes them: half a thousandth, a negative that rounds to zero, a 64-bit
+    // field's largest, and a seeded sweep over common gains (1: integers) and an offset.
     DecodedFrame numbers;
-    std::vector<double> values = {0.0,      -0.0,      0.1,    0.0005,      0.0015, -0.0005,
-                                  -0.0001,  1.0 / 3,   2.0e12, -1.0e15,     1e300,  NAN,
-                                  INFINITY, -INFINITY, 0.0625, 1234567.8905};
-    const double gains[] = {0.125, 0.4, 0.05, 0.00390625, 0.03125, 0.5, 1.0 / 3, 1.0};
-    const double offsets[] = {0.0, -40.0, -273.0, -125.0};
-    for (uint32_t i = 0, seed = 1; i < 8 * 4 * 25; ++i) {
-        seed = seed * 1103515245 + 12345;
-        values.push_back((seed >> 8) % 70000 * gains[i % 8] + offsets[i / 8 % 4]);
-    }
-    for (double value : values)
+    for (double value : {0.0005, -0.0001, 1.8e19})
         numbers.addSpn(new SPNNumeric(value, " u"));
+    const double gains[] = {0.05, 0.03125, 1.0 / 3, 1.0};
+    for (uint32_t i = 0, seed = 1; i < 200; ++i) {
+        seed = seed * 1103515245 + 12345;
+        numbers.addSpn(
+            new SPNNumeric((seed >> 8) % 70000 * gains[i % 4] - 40.0 * (i / 4 % 2), " u"));
+    }
     check(numbers, "0000", true);
 }
