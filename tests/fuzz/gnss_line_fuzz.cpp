@@ -11,8 +11,7 @@
 
 namespace {
 struct DiscardingHook : XMLHook {
-    void deliver(std::stringstream& document) override { size += document.str().size(); }
-    size_t size = 0;
+    void deliver(std::stringstream&) override {}
 };
 } // namespace
 

@@ -1,9 +1,8 @@
-"""tavro-gnss with gpsd late, slamming the door, real with its fixes once a second, or gone
-with its host. A gpsd killed and restarted is in test_all.py."""
+"""tavro-gnss with gpsd late, slamming the door, real with its fixes, or gone with its host.
+A gpsd killed and restarted is in test_all.py."""
 
 import re
 import socket
-import statistics
 import subprocess
 import time
 import xml.etree.ElementTree as ET
@@ -14,8 +13,7 @@ from sandbox import SLOW
 from vehicle import install_conf
 
 CONNECT_FAILED = r"^WARN: Error while connecting to Gnss socket\. -1= -1retrying\.\.\.$"
-# The epochs of bus-3d.nmea as gpsd reports them (speed in m/s). Position and satellites come
-# apart, so a document may take them from neighbouring epochs (the satellites are the same).
+# The epochs of bus-3d.nmea as gpsd reports them (speed in m/s); the satellites are the same.
 FIXES = {(("47.3769", "N"), ("8.54169", "E"), "2025-06-03", "08:15:00", "5.556", "41.7"),
          (("47.3769", "N"), ("8.54174", "E"), "2025-06-03", "08:15:01", "6.122", "42.7"),
          (("47.377", "N"), ("8.54179", "E"), "2025-06-03", "08:15:02", "6.482", "43.7")}
@@ -23,8 +21,7 @@ TPV = ("Latitude", "Longitude", "Date", "Time", "SpeedOverGround", "TrackDegreeT
 SKY = ("NumberOfSatellites", "HorizontalDilutionOfPrecision", "VerticalDilutionOfPrecision")
 
 
-def values(payload):
-    # Texts by element name; (Degree, Direction) for the coordinates.
+def values(payload):  # (Degree, Direction) for the coordinates
     return {e.tag: tuple(c.text for c in e) if len(e) else e.text
             for e in ET.fromstring(payload).find("GNSSLocation")}
 
@@ -36,12 +33,11 @@ def until(condition, timeout):
     return done
 
 
-def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(sandbox):
+def test_gpsd_late_then_slamming_the_door_then_real_with_fixes(sandbox):
     """gpsd not running yet; then what a gpsd at its client limit, or another program on its
     port, does: accept and close. Waits of 1, 2, 4 s between attempts and a few log lines. Then
-    a real gpsd, found within the current wait, whose fixes come once a second; a lost fix."""
+    a real gpsd, found within the current wait, and its fixes."""
     listener = sandbox.listen("239.1.1.11", 50011)
-    # Four epochs a second, so that every document has a fresh fix.
     feed = NmeaFeed(sandbox, "bus-3d.nmea")
     install_conf("gnss.conf", {"network_interface": "lo"})
     proc = sandbox.tavro("gnss", "-v")
@@ -81,8 +77,7 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(san
     Gpsd(sandbox, feed).start()
     documents(lambda d: d["SignalQuality"] == "GPS", timeout=20)
     assert time.monotonic() - accepted[-1] < 8 + 3 * SLOW
-    received = documents(lambda d: True, 32, timeout=45)
-    docs = [values(d[1]) for d in received]
+    docs = [values(d[1]) for d in documents(lambda d: True, 8, timeout=20)]
     # Every document carries a fix with its altitude, and the sentences that came since the
     # document before, each up to its checksum: none lost, none twice. gpsd sends reports and
     # sentences only to a client that asked with WATCH.
@@ -91,18 +86,6 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(san
     assert {d["Altitude"] for d in docs} <= {"408.50", "408.70", "408.90"}
     assert all(re.fullmatch(r"(\$[^$*]*\*[0-9A-F]{2})+", d["Data"]) for d in docs), docs
     assert "".join(d["Data"] for d in docs) in "".join(feed.sent)
-    times = [d[0] for d in received]
-    median = statistics.median(b - a for a, b in zip(times, times[1:]))
-    drift = (times[-1] - times[0]) / (len(times) - 1) - 1.0
-    assert 0.9 < median < 1.1 and abs(drift) < 0.05, (median, drift)
-
-    # Fix lost: not valid, the last position kept, speed 0, one satellite, the system time.
-    feed.play("lost-fix.nmea")
-    lost = values(documents(lambda d: d["SignalQuality"] == "NotValid")[0][1])
-    assert (lost["Latitude"], lost["Longitude"]) in {fix[:2] for fix in FIXES}
-    assert (lost["SpeedOverGround"], lost["NumberOfSatellites"]) == ("0", "1")
-    stamps = [time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(time.time() - d)) for d in range(3)]
-    assert "%s %s" % (lost["Date"], lost["Time"]) in stamps
     assert len(proc.lines()) < 20, proc.stderr
     proc.interrupt()
     assert proc.wait(5) == 2
