@@ -1,6 +1,6 @@
-"""tavro-gnss with gpsd late, slamming the door, real with its fixes, or gone with its host.
-A gpsd killed and restarted is in test_all.py."""
+"""tavro-gnss with gpsd late, slamming the door, real, or gone with its host (killed: test_all)."""
 
+import contextlib
 import re
 import socket
 import subprocess
@@ -14,10 +14,10 @@ from vehicle import install_conf
 
 CONNECT_FAILED = r"^WARN: Error while connecting to Gnss socket\. -1= -1retrying\.\.\.$"
 # The epochs of bus-3d.nmea as gpsd reports them (speed in m/s); the satellites are the same.
-FIXES = {(("47.3769", "N"), ("8.54169", "E"), "2025-06-03", "08:15:00", "5.556", "41.7"),
-         (("47.3769", "N"), ("8.54174", "E"), "2025-06-03", "08:15:01", "6.122", "42.7"),
-         (("47.377", "N"), ("8.54179", "E"), "2025-06-03", "08:15:02", "6.482", "43.7")}
-TPV = ("Latitude", "Longitude", "Date", "Time", "SpeedOverGround", "TrackDegreeTrue")
+FIXES = {(("47.3769", "N"), ("8.54169", "E"), "2025-06-03", "08:15:00", "5.556", "41.7", "408.50"),
+         (("47.3769", "N"), ("8.54174", "E"), "2025-06-03", "08:15:01", "6.122", "42.7", "408.70"),
+         (("47.377", "N"), ("8.54179", "E"), "2025-06-03", "08:15:02", "6.482", "43.7", "408.90")}
+TPV = ("Latitude", "Longitude", "Date", "Time", "SpeedOverGround", "TrackDegreeTrue", "Altitude")
 SKY = ("NumberOfSatellites", "HorizontalDilutionOfPrecision", "VerticalDilutionOfPrecision")
 
 
@@ -34,22 +34,16 @@ def until(condition, timeout):
 
 
 def test_gpsd_late_then_slamming_the_door_then_real_with_fixes(sandbox):
-    """gpsd not running yet; then what a gpsd at its client limit, or another program on its
-    port, does: accept and close. Waits of 1, 2, 4 s between attempts and a few log lines. Then
-    a real gpsd, found within the current wait, and its fixes."""
+    """gpsd not running yet; then what a gpsd at its client limit (or another program on its
+    port) does: accept and close, tried after 1, 2, 4 s with a few log lines. Then a real gpsd,
+    found within the current wait, and its fixes."""
     listener = sandbox.listen("239.1.1.11", 50011)
     feed = NmeaFeed(sandbox, "bus-3d.nmea")
     install_conf("gnss.conf", {"network_interface": "lo"})
     proc = sandbox.tavro("gnss", "-v")
-
-    def documents(predicate, count=1, timeout=10.0):
-        listener.clear()
-        return listener.wait_for(count, timeout, lambda p: predicate(values(p)))
-
-    # Refused attempts repeat every second (their lines summarised): documents without a fix,
-    # and the door-slammer's port found within a second of its start.
+    # Refused attempts repeat every second (their lines summarised), and the door-slammer's port
+    # is found within a second of its start.
     proc.wait_for(CONNECT_FAILED)
-    assert values(listener.wait_for(1)[0][1])["SignalQuality"] == "NotValid"
     time.sleep(2)
     slammer = socket.create_server(("127.0.0.1", 2947))
     slammer.settimeout(0.02)
@@ -58,11 +52,9 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes(sandbox):
 
     def slam():
         # The reader's wait begins when it sees the close, so a late accept only adds to a gap.
-        try:
+        with contextlib.suppress(socket.timeout):
             slammer.accept()[0].close()
             accepted.append(time.monotonic())
-        except socket.timeout:
-            pass
         return len(accepted) == 4
 
     until(slam, 20)
@@ -75,15 +67,15 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes(sandbox):
 
     # The next wait is 8 s; a good gpsd started now is connected when it ends.
     Gpsd(sandbox, feed).start()
-    documents(lambda d: d["SignalQuality"] == "GPS", timeout=20)
+    listener.clear()
+    listener.wait_for(1, 20, lambda p: values(p)["SignalQuality"] == "GPS")
     assert time.monotonic() - accepted[-1] < 8 + 3 * SLOW
-    docs = [values(d[1]) for d in documents(lambda d: True, 8, timeout=20)]
-    # Every document carries a fix with its altitude, and the sentences that came since the
-    # document before, each up to its checksum: none lost, none twice. gpsd sends reports and
-    # sentences only to a client that asked with WATCH.
+    listener.clear()
+    docs = [values(d[1]) for d in listener.wait_for(8, 20)]
+    # Each document: a fix, and the sentences since the one before, each up to its checksum:
+    # none lost, none twice (gpsd sends both only to a client that asked with WATCH).
     assert all(d["SignalQuality"] == "GPS" and tuple(d[k] for k in TPV) in FIXES
                and tuple(d[k] for k in SKY) == ("3", "0.9", "1.3") for d in docs), docs
-    assert {d["Altitude"] for d in docs} <= {"408.50", "408.70", "408.90"}
     assert all(re.fullmatch(r"(\$[^$*]*\*[0-9A-F]{2})+", d["Data"]) for d in docs), docs
     assert "".join(d["Data"] for d in docs) in "".join(feed.sent)
     assert len(proc.lines()) < 20, proc.stderr
@@ -92,10 +84,9 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes(sandbox):
 
 
 def test_gpsd_host_that_vanishes_is_given_up_and_found_again(sandbox):
-    """gpsd on another host behind a veth pair. Its end is taken down: no FIN, no RST, only
-    silence. The reader gives the connection up after the keepalive probes and connects
-    again once the host is back; a silent but reachable gpsd is kept, and does not hold up
-    the end."""
+    """gpsd on another host behind a veth pair, its end taken down: no FIN, no RST, only silence.
+    The reader gives up after the keepalive probes and connects again once the host is back; a
+    silent but reachable gpsd is kept, and does not hold up the end."""
     sandbox.veth()
     host = RemoteHost(sandbox, avahi=False)
     # No receiver: gpsd says hello and then nothing. Without a device it needs a control socket.
@@ -110,8 +101,7 @@ def test_gpsd_host_that_vanishes_is_given_up_and_found_again(sandbox):
                                           ":2947"]), capture_output=True, text=True).stdout
         return {line.split()[-1] for line in out.splitlines()}
 
-    until(established, 10)
-    first = established()
+    first = until(established, 10)
     assert len(first) == 1
     # Past the first keepalive probe, which the host answers.
     time.sleep(15)

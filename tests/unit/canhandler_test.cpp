@@ -33,9 +33,8 @@ TEST(CanHandler, StartFailures) {
     unsetenv("TAVRO_VCAN_DIR");
 }
 
-// The VM stage runs this with TAVRO_SOCKETCAN=vcan0. Each round starts the reader on a new
-// socket, receives a frame with the kernel's stamp of it (as another socket gets it), and
-// measures stop (printed, bounded loosely: the machine under test may be emulated).
+// The VM stage runs this with TAVRO_SOCKETCAN=vcan0. Each round: a new socket, a frame with the
+// stamp another socket gets for it, and stop, timed (bounded loosely: the VM may be emulated).
 TEST(CanHandler, SocketCanRoundsAndStopTime) {
     const char* name = getenv("TAVRO_SOCKETCAN");
     if (name == nullptr)
@@ -43,9 +42,7 @@ TEST(CanHandler, SocketCanRoundsAndStopTime) {
     unsetenv("TAVRO_VCAN_DIR");
     const int sender = socket(AF_CAN, SOCK_RAW, CAN_RAW);
     const int witness = socket(AF_CAN, SOCK_RAW, CAN_RAW);
-    sockaddr_can address = {};
-    address.can_family = AF_CAN;
-    address.can_ifindex = static_cast<int>(if_nametoindex(name));
+    sockaddr_can address = {AF_CAN, static_cast<int>(if_nametoindex(name)), {}};
     for (int fd : {sender, witness})
         ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << name;
     timeval stamp = {};
