@@ -42,7 +42,8 @@ def test_one_document_of_two_interfaces_every_second_once_complete(sandbox):
     bus.add("vcan0")
     bus.add("vcan1")
     shutil.copy(os.path.join(SOURCE_DIR, "etc", "vehicletoip-mapping.json"), "/etc/tavro/")
-    install_conf("vehicletoip.conf", {"can_interface": "vcan0,vcan1", "network_interface": "v0"})
+    sandbox.write_conf("tavro.conf", {"network_interface": "v0"})
+    install_conf("vehicletoip.conf", {"can_interface": "vcan0,vcan1"})
     proc = sandbox.tavro("vehicletoip", "-vv", env=bus.env)
     proc.wait_for(r"^DBG : Start can thread\.$", count=2)
 
