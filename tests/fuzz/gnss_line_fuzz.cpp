@@ -1,5 +1,4 @@
-// libFuzzer target for the gpsd line handler: the input is split into lines as the reader
-// splits gpsd's stream, each line is handled, and a document is built after every line.
+// libFuzzer: gpsd lines, split as the reader splits them, each followed by a document.
 #include "Gnss.h"
 
 #include "Logger.h"
@@ -11,8 +10,7 @@
 
 namespace {
 struct DiscardingHook : XMLHook {
-    void deliver(std::stringstream& document) override { size += document.str().size(); }
-    size_t size = 0;
+    void deliver(std::stringstream&) override {}
 };
 } // namespace
 

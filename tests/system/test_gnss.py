@@ -1,9 +1,8 @@
-"""tavro-gnss with gpsd late, slamming the door, real with its fixes once a second, or gone
-with its host. A gpsd killed and restarted is in test_all.py."""
+"""tavro-gnss with gpsd late, slamming the door, real, or gone with its host (killed: test_all)."""
 
+import contextlib
 import re
 import socket
-import statistics
 import subprocess
 import time
 import xml.etree.ElementTree as ET
@@ -14,17 +13,15 @@ from sandbox import SLOW
 from vehicle import install_conf
 
 CONNECT_FAILED = r"^WARN: Error while connecting to Gnss socket\. -1= -1retrying\.\.\.$"
-# The epochs of bus-3d.nmea as gpsd reports them (speed in m/s). Position and satellites come
-# apart, so a document may take them from neighbouring epochs (the satellites are the same).
-FIXES = {(("47.3769", "N"), ("8.54169", "E"), "2025-06-03", "08:15:00", "5.556", "41.7"),
-         (("47.3769", "N"), ("8.54174", "E"), "2025-06-03", "08:15:01", "6.122", "42.7"),
-         (("47.377", "N"), ("8.54179", "E"), "2025-06-03", "08:15:02", "6.482", "43.7")}
-TPV = ("Latitude", "Longitude", "Date", "Time", "SpeedOverGround", "TrackDegreeTrue")
+# The epochs of bus-3d.nmea as gpsd reports them (speed in m/s); the satellites are the same.
+FIXES = {(("47.3769", "N"), ("8.54169", "E"), "2025-06-03", "08:15:00", "5.556", "41.7", "408.50"),
+         (("47.3769", "N"), ("8.54174", "E"), "2025-06-03", "08:15:01", "6.122", "42.7", "408.70"),
+         (("47.377", "N"), ("8.54179", "E"), "2025-06-03", "08:15:02", "6.482", "43.7", "408.90")}
+TPV = ("Latitude", "Longitude", "Date", "Time", "SpeedOverGround", "TrackDegreeTrue", "Altitude")
 SKY = ("NumberOfSatellites", "HorizontalDilutionOfPrecision", "VerticalDilutionOfPrecision")
 
 
-def values(payload):
-    # Texts by element name; (Degree, Direction) for the coordinates.
+def values(payload):  # (Degree, Direction) for the coordinates
     return {e.tag: tuple(c.text for c in e) if len(e) else e.text
             for e in ET.fromstring(payload).find("GNSSLocation")}
 
@@ -36,24 +33,17 @@ def until(condition, timeout):
     return done
 
 
-def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(sandbox):
-    """gpsd not running yet; then what a gpsd at its client limit, or another program on its
-    port, does: accept and close. Waits of 1, 2, 4 s between attempts and a few log lines. Then
-    a real gpsd, found within the current wait, whose fixes come once a second; a lost fix."""
+def test_gpsd_late_then_slamming_the_door_then_real_with_fixes(sandbox):
+    """gpsd not running yet; then what a gpsd at its client limit (or another program on its
+    port) does: accept and close, tried after 1, 2, 4 s with a few log lines. Then a real gpsd,
+    found within the current wait, and its fixes."""
     listener = sandbox.listen("239.1.1.11", 50011)
-    # Four epochs a second, so that every document has a fresh fix.
     feed = NmeaFeed(sandbox, "bus-3d.nmea")
     install_conf("gnss.conf", {"network_interface": "lo"})
     proc = sandbox.tavro("gnss", "-v")
-
-    def documents(predicate, count=1, timeout=10.0):
-        listener.clear()
-        return listener.wait_for(count, timeout, lambda p: predicate(values(p)))
-
-    # Refused attempts repeat every second (their lines summarised): documents without a fix,
-    # and the door-slammer's port found within a second of its start.
+    # Refused attempts repeat every second (their lines summarised), and the door-slammer's port
+    # is found within a second of its start.
     proc.wait_for(CONNECT_FAILED)
-    assert values(listener.wait_for(1)[0][1])["SignalQuality"] == "NotValid"
     time.sleep(2)
     slammer = socket.create_server(("127.0.0.1", 2947))
     slammer.settimeout(0.02)
@@ -62,11 +52,9 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(san
 
     def slam():
         # The reader's wait begins when it sees the close, so a late accept only adds to a gap.
-        try:
+        with contextlib.suppress(socket.timeout):
             slammer.accept()[0].close()
             accepted.append(time.monotonic())
-        except socket.timeout:
-            pass
         return len(accepted) == 4
 
     until(slam, 20)
@@ -79,40 +67,26 @@ def test_gpsd_late_then_slamming_the_door_then_real_with_fixes_once_a_second(san
 
     # The next wait is 8 s; a good gpsd started now is connected when it ends.
     Gpsd(sandbox, feed).start()
-    documents(lambda d: d["SignalQuality"] == "GPS", timeout=20)
+    listener.clear()
+    listener.wait_for(1, 20, lambda p: values(p)["SignalQuality"] == "GPS")
     assert time.monotonic() - accepted[-1] < 8 + 3 * SLOW
-    received = documents(lambda d: True, 32, timeout=45)
-    docs = [values(d[1]) for d in received]
-    # Every document carries a fix with its altitude, and the sentences that came since the
-    # document before, each up to its checksum: none lost, none twice. gpsd sends reports and
-    # sentences only to a client that asked with WATCH.
+    listener.clear()
+    docs = [values(d[1]) for d in listener.wait_for(8, 20)]
+    # Each document: a fix, and the sentences since the one before, each up to its checksum:
+    # none lost, none twice (gpsd sends both only to a client that asked with WATCH).
     assert all(d["SignalQuality"] == "GPS" and tuple(d[k] for k in TPV) in FIXES
                and tuple(d[k] for k in SKY) == ("3", "0.9", "1.3") for d in docs), docs
-    assert {d["Altitude"] for d in docs} <= {"408.50", "408.70", "408.90"}
     assert all(re.fullmatch(r"(\$[^$*]*\*[0-9A-F]{2})+", d["Data"]) for d in docs), docs
     assert "".join(d["Data"] for d in docs) in "".join(feed.sent)
-    times = [d[0] for d in received]
-    median = statistics.median(b - a for a, b in zip(times, times[1:]))
-    drift = (times[-1] - times[0]) / (len(times) - 1) - 1.0
-    assert 0.9 < median < 1.1 and abs(drift) < 0.05, (median, drift)
-
-    # Fix lost: not valid, the last position kept, speed 0, one satellite, the system time.
-    feed.play("lost-fix.nmea")
-    lost = values(documents(lambda d: d["SignalQuality"] == "NotValid")[0][1])
-    assert (lost["Latitude"], lost["Longitude"]) in {fix[:2] for fix in FIXES}
-    assert (lost["SpeedOverGround"], lost["NumberOfSatellites"]) == ("0", "1")
-    stamps = [time.strftime("%Y-%m-%d %H:%M:%S", time.gmtime(time.time() - d)) for d in range(3)]
-    assert "%s %s" % (lost["Date"], lost["Time"]) in stamps
     assert len(proc.lines()) < 20, proc.stderr
     proc.interrupt()
     assert proc.wait(5) == 2
 
 
 def test_gpsd_host_that_vanishes_is_given_up_and_found_again(sandbox):
-    """gpsd on another host behind a veth pair. Its end is taken down: no FIN, no RST, only
-    silence. The reader gives the connection up after the keepalive probes and connects
-    again once the host is back; a silent but reachable gpsd is kept, and does not hold up
-    the end."""
+    """gpsd on another host behind a veth pair, its end taken down: no FIN, no RST, only silence.
+    The reader gives up after the keepalive probes and connects again once the host is back; a
+    silent but reachable gpsd is kept, and does not hold up the end."""
     sandbox.veth()
     host = RemoteHost(sandbox, avahi=False)
     # No receiver: gpsd says hello and then nothing. Without a device it needs a control socket.
@@ -127,8 +101,7 @@ def test_gpsd_host_that_vanishes_is_given_up_and_found_again(sandbox):
                                           ":2947"]), capture_output=True, text=True).stdout
         return {line.split()[-1] for line in out.splitlines()}
 
-    until(established, 10)
-    first = established()
+    first = until(established, 10)
     assert len(first) == 1
     # Past the first keepalive probe, which the host answers.
     time.sleep(15)

@@ -10,6 +10,7 @@
 
 #include <linux/can.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -24,9 +25,7 @@ inline can_frame canFrame(uint32_t id, std::initializer_list<uint8_t> bytes = {}
     frame.can_id = id | CAN_EFF_FLAG;
     frame.can_dlc = 8;
     memset(frame.data, 0xFF, 8);
-    size_t i = 0;
-    for (uint8_t b : bytes)
-        frame.data[i++] = b;
+    std::copy(bytes.begin(), bytes.end(), frame.data);
     return frame;
 }
 
@@ -37,8 +36,7 @@ inline can_frame bamAnnounce(uint16_t pgn, uint16_t size, uint8_t packets) {
 }
 inline can_frame bamPacket(uint8_t sequence, const std::string& bytes) {
     can_frame frame = canFrame(0x1CEBFF00, {sequence});
-    for (size_t i = 0; i < 7; ++i)
-        frame.data[i + 1] = i < bytes.size() ? static_cast<uint8_t>(bytes[i]) : 0xFF;
+    memcpy(frame.data + 1, bytes.data(), std::min<size_t>(bytes.size(), 7));
     return frame;
 }
 

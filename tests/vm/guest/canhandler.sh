@@ -1,5 +1,4 @@
-# CanHandler on real SocketCAN (vcan0): five rounds of start, a frame with the kernel's stamp and
-# stop (whose time it prints); missing and overlong interface names.
+# canhandler_test's SocketCAN rounds (stop times printed) and start failures on real vcan0.
 vcan_up vcan0
 TAVRO_SOCKETCAN=vcan0 canhandler_test \
     --gtest_filter='CanHandler.SocketCan*:CanHandler.StartFailures' >test.out 2>&1 ||
