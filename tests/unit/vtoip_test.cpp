@@ -1,7 +1,11 @@
+#include "BasicCanDecoder.h"
+#include "CanHandler.h"
 #include "CanTestSupport.h"
 #include "TestSupport.h"
 #include "VtoIpDecoder.h"
 #include "Vtoip.h"
+
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -106,4 +110,30 @@ TEST(VtoIpDecoder, TransportMessages) {
     ASSERT_EQ(frame->getDataLength(), 8u);
     EXPECT_EQ(text(*frame, 0).getValue(), "WMA06XZZ1KP012345");
     EXPECT_EQ(numeric(*frame, 1).getValue(), 3); // byte 0 of the packet: its sequence number
+}
+
+// The first interface's reader is shared with a service that started it before and outlives
+// this one (FMStoIP in tavro-all); the second's stops with the service. A hook left behind
+// would be called for the next frame after the service is gone.
+TEST(Vtoip, ASharedReaderOutlivesTheServiceWithoutItsHook) {
+    TempDir bus;
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/tavro-test-bus", 1);
+    setenv("TAVRO_VCAN_DIR", bus.path.c_str(), 1);
+    ASSERT_EQ(mkdir(bus.file("vt-a").c_str(), 0755) + mkdir(bus.file("vt-b").c_str(), 0755), 0);
+    BasicCanDecoder raw;
+    RecordingHook other;
+    CanHandler* shared = CanHandler::forInterface("vt-a");
+    shared->addDecoder(&other, &raw);
+    ASSERT_EQ(shared->start(), 0);
+    auto vtoip = std::make_unique<Vtoip>(Configuration(bus.write(
+        "vehicletoip.conf", "network_interface=lo\nmulticast_ttl=0\nmulticast_addr=239.255.0.12\n"
+                            "can_interface=vt-a,vt-b\nmapping_file=" TAVRO_TEST_DATA
+                            "/../../etc/vehicletoip-mapping.json\n")));
+    vtoip.reset();
+    EXPECT_TRUE(shared->isRunning());
+    EXPECT_FALSE(CanHandler::forInterface("vt-b")->isRunning());
+    const std::string log = bus.write("frames.log", "(0.0) vt-a 18FF1121#005F0001FFFFFFFF\n");
+    ASSERT_EQ(system((toolCommand("tavro-canplayer") + " -f " + log + " >/dev/null").c_str()), 0);
+    EXPECT_EQ(other.waitFor(1).size(), 1u);
+    shared->release(&other);
 }
