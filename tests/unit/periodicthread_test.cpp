@@ -11,17 +11,6 @@
 
 using namespace std::chrono;
 
-TEST(PeriodicThreadTest, DeadlinesKeepTheRhythmUnlessAWholePeriodWasMissed) {
-    const PeriodicThread::Clock::time_point t0;
-    const microseconds period(1000000);
-    // A turn that took a while does not shift the next deadline.
-    EXPECT_EQ(PeriodicThread::nextDeadline(t0, t0 + milliseconds(10), period), t0 + period);
-    EXPECT_EQ(PeriodicThread::nextDeadline(t0, t0 + period, period), t0 + period);
-    // One that overran a whole period: no burst of turns to catch up, the next comes at once.
-    EXPECT_EQ(PeriodicThread::nextDeadline(t0, t0 + milliseconds(3500), period),
-              t0 + milliseconds(3500));
-}
-
 // The watchdog's view: a thread idle for a long period still turns once a second, a thread
 // held up is named once it has stood still for the limit, and an ended thread is forgotten.
 TEST(PeriodicThreadTest, HeartbeatTellsAHeldUpThreadFromAnIdleOne) {
