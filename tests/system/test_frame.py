@@ -35,7 +35,6 @@ def run(sandbox, service, *args, **kw):
 
 @pytest.mark.parametrize("argv0,args,status,out,shown", [
     ("tavro-ALL", ["--help"], 1, LIST, 0),
-    ("tavro", ["--version"], 1, LIST, 0),
     ("tavro-gnss", ["--version"], 0, r"tavro unknown-version\n.+\n", 0),
     ("/usr/sbin/tavro-time", ["-h"], 1, USAGE, 0),
     ("/usr/sbin/tavro-time", ["-v", "-0"], 1, USAGE, 0),
