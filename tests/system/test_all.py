@@ -1,5 +1,4 @@
-"""tavro-all in the demo's vehicle (demo/vehicle.py), through one fault after another; after
-each it still serves everything. The tests share one daemon, in file order."""
+"""One tavro-all in the demo's vehicle, through fault after fault in file order: it serves on."""
 
 import os
 import re
@@ -26,8 +25,7 @@ AVAHI = "DBG : avahi thread finished."
 RELEASE = ["DBG : fcgi thread finished.", AVAHI, "DBG : Vtoip thread finished.", AVAHI, AVAHI,
            AVAHI, AVAHI, AVAHI, AVAHI, "DBG : fmstoip thread finished.",
            "DBG : FmsXMLGenerator thread finished.", AVAHI, AVAHI]
-# The service manager's watchdog timeout: fed every quarter of it while no thread has stood
-# still for half of it.
+# The service manager's watchdog timeout; fed while no thread stood still for half of it.
 WATCHDOG = 8.0 * SLOW
 STALLED = (r"^WARN: Thread (fastcgi|fmstoip) \(\d+\) has made no progress for [\d.]+ s: "
            r"watchdog not fed\.$")

@@ -1,5 +1,4 @@
-"""Announcements of the time service and the MQTT broker, seen through a real avahi-daemon,
-and the publisher's recovery when the daemon goes and comes back."""
+"""The MQTT broker's announcement through a real avahi-daemon that goes and comes back."""
 
 import os
 import signal
@@ -9,9 +8,7 @@ import pytest
 from sandbox import SOURCE_DIR
 from vehicle import read_conf
 
-MQTT, TIME = (read_conf(os.path.join(SOURCE_DIR, "etc", name))
-              for name in ("mqttbroker.conf", "time.conf"))
-ESTABLISHED = r"^DBG : AVAHI_ENTRY_GROUP_ESTABLISHED$"
+MQTT = read_conf(os.path.join(SOURCE_DIR, "etc", "mqttbroker.conf"))
 
 
 @pytest.mark.emulated
@@ -20,13 +17,13 @@ def test_seen_from_another_host_after_avahi_restart_and_withdrawn_on_sigint(sand
     sandbox.write_conf("mqttbroker.conf", dict(
         {k: v for k, v in MQTT.items() if k != "topic"}, service_path="/broker"))
     proc = sandbox.tavro("mqtt", "-vv")
-    proc.wait_for(ESTABLISHED)
+    proc.wait_for(r"^DBG : AVAHI_ENTRY_GROUP_ESTABLISHED$")
 
     # Killed hard, so no goodbye is sent, and started again: the client fails and the
     # publisher announces anew with a fresh one, without a restart of tavro.
     avahi.daemon.restart(signal.SIGKILL)
     proc.wait_for(r"^DBG : AVAHI_CLIENT_FAILURE$")
-    proc.wait_for(ESTABLISHED, count=2)
+    proc.wait_for(r"^DBG : AVAHI_ENTRY_GROUP_ESTABLISHED$", count=2)
     watch = avahi.watch("_mqtt._tcp")
     rec = remote.wait_for("tavro-mqtt", "_mqtt._tcp")
     assert (rec.interface, rec.protocol, rec.port, rec.host, rec.address, rec.txt) == (
@@ -42,8 +39,8 @@ def test_seen_from_another_host_after_avahi_restart_and_withdrawn_on_sigint(sand
 @pytest.mark.emulated
 def test_without_system_bus_the_process_ends(sandbox):
     sandbox.system_bus = False
-    sandbox.write_conf("time.conf", TIME)
-    proc = sandbox.tavro("time")
+    sandbox.write_conf("mqttbroker.conf", MQTT)
+    proc = sandbox.tavro("mqtt")
     assert proc.wait(5) == 1
     assert proc.lines()[-2:] == ["ERR : avahi_client_new() failed.",
                                  "ERR : Is the avahi-daemon running?"]

@@ -27,10 +27,9 @@ MODULE_FILE = """<?xml version="1.0"?>
 """
 
 
-def txt(status):
-    return ["txtversion=1", "version=1.0", "type=OnboardUnit", "model=tavro-box",
-            "manufacturer=Bus&Tram", "serialnumber=0000001", "softwareversion=1.0.0",
-            "hardwareversion=A", "macaddress=" + MAC, "status=%d" % status]
+TXT = ["txtversion=1", "version=1.0", "type=OnboardUnit", "model=tavro-box",
+       "manufacturer=Bus&Tram", "serialnumber=0000001", "softwareversion=1.0.0",
+       "hardwareversion=A", "macaddress=" + MAC]
 
 
 def test_marker_at_start_removed_while_avahi_is_away_and_set_again(sandbox):
@@ -59,9 +58,10 @@ def test_marker_at_start_removed_while_avahi_is_away_and_set_again(sandbox):
     peer.daemon.start()
     watch = peer.watch("_inventory._udp")
     first = watch.wait_resolved("tavro-inventory")
-    assert (first.port, first.txt) == (80, txt(0))
+    assert (first.port, first.txt) == (80, TXT + ["status=0"])
     open(MARKER, "w").close()
-    peer.wait_for("tavro-inventory", "_inventory._udp", predicate=lambda r: r.txt == txt(1))
+    peer.wait_for("tavro-inventory", "_inventory._udp",
+                  predicate=lambda r: r.txt == TXT + ["status=1"])
     time.sleep(1.5)
     assert proc.lines().count("DBG : AVAHI_ENTRY_GROUP_ESTABLISHED") == 2, "one per change"
     proc.interrupt()

@@ -1,5 +1,4 @@
-"""The Debian packages, installed with dpkg into overlays of a bare Debian root and run there.
-Run by scripts/check package (TAVRO_PACKAGES: the .deb paths; TAVRO_PACKAGE_ROOT)."""
+"""The Debian packages, installed with dpkg into overlays of a bare Debian root and run there."""
 
 import os
 import shutil
@@ -47,7 +46,6 @@ def test_armhf_package_announces_time_under_qemu(sandbox, avahi):
     shutil.copy("/usr/bin/qemu-arm-static", os.path.join(root, "usr/bin"))
     conf_dir = os.path.join(root, "etc/tavro")
     install_conf("tavro.conf", {"network_interface": "v0"}, conf_dir, conf_dir)
-    remote = avahi.remote()
     dbus = root + "/run/dbus"
     os.makedirs(dbus, exist_ok=True)
     run("mount", "--bind", "/run/dbus", dbus)
@@ -55,7 +53,7 @@ def test_armhf_package_announces_time_under_qemu(sandbox, avahi):
     proc = sandbox.spawn(["chroot", root, "/usr/bin/qemu-arm-static", "-0", "tavro-time",
                           "/usr/bin/tavro-time", "-vv"], name="tavro-time")
     time_conf = read_conf(os.path.join(conf_dir, "time.conf"))
-    rec = remote.wait_for(time_conf["service_name"], "_%s._%s" % (
+    rec = avahi.wait_for(time_conf["service_name"], "_%s._%s" % (
         time_conf["service_type"], time_conf["service_protocol"]), timeout=30)
     assert (rec.port, rec.address) == (int(time_conf["service_port"]), "10.20.0.1")
     proc.interrupt()

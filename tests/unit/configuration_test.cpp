@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-using Pieces = std::vector<std::string>;
-
 // Read on top of a general file, whose values come first. Comments and blanks are in every file
 // under etc/, which the system tests run with.
 TEST(Configuration, LineGrammarAndGeneralFileFirst) {
@@ -16,7 +14,7 @@ TEST(Configuration, LineGrammarAndGeneralFileFirst) {
                                                     "list=a,,b,\r\n"
                                                     "list=c\n"));
     EXPECT_EQ(conf.getString("hash"), "ab");
-    EXPECT_EQ(conf.getList("list"), (Pieces{"g", "a", "", "b", "c"}));
+    EXPECT_EQ(conf.getList("list"), (std::vector<std::string>{"g", "a", "", "b", "c"}));
     // A lookup of an absent key must not create it.
     for (const char* absent : {"multi", "absent", "absent"}) {
         EXPECT_EQ(conf.getString(absent), "");

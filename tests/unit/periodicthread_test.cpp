@@ -14,7 +14,6 @@ using namespace std::chrono;
 // The watchdog's view: a thread idle for a long period still turns once a second, a thread
 // held up is named once it has stood still for the limit, and an ended thread is forgotten.
 TEST(PeriodicThreadTest, HeartbeatTellsAHeldUpThreadFromAnIdleOne) {
-    using Clock = Heartbeat::Clock;
     PeriodicThread idle([] {});
     ASSERT_TRUE(idle.start(hours(1)));
     std::promise<void> release, beaten;
@@ -25,7 +24,7 @@ TEST(PeriodicThreadTest, HeartbeatTellsAHeldUpThreadFromAnIdleOne) {
         release.get_future().wait();
     });
     beaten.get_future().wait();
-    const Clock::time_point start = Clock::now();
+    const Heartbeat::Clock::time_point start = Heartbeat::Clock::now();
     EXPECT_EQ(Heartbeat::stalled(seconds(2), start), "");
     std::this_thread::sleep_for(seconds(4)); // the idle one turns about four times
     const std::string name = Heartbeat::stalled(seconds(2), start + seconds(3));
