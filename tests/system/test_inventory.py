@@ -4,6 +4,7 @@ import os
 import time
 from pathlib import Path
 
+from avahi_peer import AvahiPeer
 from sandbox import run
 from vehicle import install_conf
 
@@ -26,13 +27,13 @@ MODULE_FILE = """<?xml version="1.0"?>
 """
 
 
-def txt(status):
-    return ["txtversion=1", "version=1.0", "type=OnboardUnit", "model=tavro-box",
-            "manufacturer=Bus&Tram", "serialnumber=0000001", "softwareversion=1.0.0",
-            "hardwareversion=A", "macaddress=" + MAC, "status=%d" % status]
+TXT = ["txtversion=1", "version=1.0", "type=OnboardUnit", "model=tavro-box",
+       "manufacturer=Bus&Tram", "serialnumber=0000001", "softwareversion=1.0.0",
+       "hardwareversion=A", "macaddress=" + MAC]
 
 
-def test_marker_at_start_and_removed(sandbox, avahi):
+def test_marker_at_start_removed_while_avahi_is_away_and_set_again(sandbox):
+    peer = AvahiPeer(sandbox, start=False)
     run("ip", "link", "set", "v0", "address", MAC)
     # /sys shows the network namespace of whoever mounted it.
     sandbox.mount_sysfs()
@@ -45,15 +46,22 @@ def test_marker_at_start_and_removed(sandbox, avahi):
     target.write_text("old")
     target.chmod(0o640)
     FILE.symlink_to(target)
-    watch = avahi.watch("_inventory._udp")
     proc = sandbox.tavro("inventory", "-vv")
-    first = watch.wait_resolved("tavro-inventory")
-    assert (first.port, first.txt) == (80, txt(1))
+    proc.wait_for(r"^NOTE: waiting for avahi to start\.\.\.$")
     assert FILE.read_text() == MODULE_FILE
     assert FILE.is_symlink() and target.stat().st_mode & 0o7777 == 0o640
 
+    # The watchdog replaces the status while the daemon is away: the call must return, or
+    # the service could not be shut down.
     os.unlink(MARKER)
-    avahi.wait_for("tavro-inventory", "_inventory._udp", predicate=lambda r: r.txt == txt(0))
+    time.sleep(1.5)
+    peer.daemon.start()
+    watch = peer.watch("_inventory._udp")
+    first = watch.wait_resolved("tavro-inventory")
+    assert (first.port, first.txt) == (80, TXT + ["status=0"])
+    open(MARKER, "w").close()
+    peer.wait_for("tavro-inventory", "_inventory._udp",
+                  predicate=lambda r: r.txt == TXT + ["status=1"])
     time.sleep(1.5)
     assert proc.lines().count("DBG : AVAHI_ENTRY_GROUP_ESTABLISHED") == 2, "one per change"
     proc.interrupt()
@@ -61,6 +69,7 @@ def test_marker_at_start_and_removed(sandbox, avahi):
     # Written once at start: the file keeps the status of the start.
     assert proc.lines().count("DBG : Writing to file: /tmp/status/moduleinfo.xml") == 1
     assert FILE.read_text() == MODULE_FILE
+    watch.wait_removed("tavro-inventory")
 
 
 def test_module_file_that_cannot_be_written(sandbox):
