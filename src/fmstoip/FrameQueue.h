@@ -12,7 +12,8 @@
 
 // Copies of received frames on their way from the CAN readers to one consumer thread. Bounded:
 // on overload the oldest frame is dropped, so the consumer always sees the most recent ones. The
-// consumer is woken as soon as a frame arrives rather than polling.
+// consumer is woken as soon as a frame arrives, up to ten frames per millisecond of gathering
+// time; above that pace it takes them in runs, each frame waiting at most the gathering time.
 //
 // A full queue first holds the readers up, while frames wait in their sockets, so that a
 // consumer kept off the CPU for a few milliseconds loses nothing: at ten times a full bus on
@@ -26,8 +27,17 @@ public:
     // Well below what a reader's socket holds at ten times a full bus.
     static constexpr std::chrono::milliseconds defaultStallAllowance{20};
 
+    // Shorter windows cost more than they save: a timed wake-up for a few frames.
+    static constexpr std::chrono::microseconds defaultGathering{1000};
+    // Frames per gathering time above which the consumer gathers.
+    static constexpr size_t gatheringPace = 10;
+    // Frames in a row, each waiting or come sooner than gathering / gatheringPace, that start
+    // gathering; so that the bursts of a normal bus do not.
+    static constexpr int quickFramesToGather = 8;
+
     explicit FrameQueue(size_t capacity = defaultCapacity,
-                        std::chrono::milliseconds stallAllowance = defaultStallAllowance);
+                        std::chrono::milliseconds stallAllowance = defaultStallAllowance,
+                        std::chrono::microseconds gathering = defaultGathering);
     FrameQueue(const FrameQueue&) = delete;
     FrameQueue& operator=(const FrameQueue&) = delete;
 
@@ -45,6 +55,7 @@ private:
 
     const size_t capacity;
     const std::chrono::milliseconds stallAllowance;
+    const std::chrono::microseconds gathering;
     mutable std::mutex mutex;
     std::condition_variable arrived;
     std::condition_variable taken;
@@ -54,6 +65,9 @@ private:
     bool behind = false;    // full since behindSince, not back to half yet
     Clock::time_point behindSince;
     size_t waitingProducers = 0;
+    bool sleeping = false; // the consumer waits to be woken by the next frame
+    bool gatheringRuns = false;
+    int quickFrames = 0;
 };
 
 #endif

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -212,6 +213,31 @@ TEST(FrameQueue, FullQueueHoldsTheReaderUpForTheAllowanceThenDropsTheOldest) {
     ASSERT_EQ(stalled.size(), 100u);
     for (uint64_t i = 1002; i <= 1101; ++i)
         EXPECT_EQ(stalled.pop()->getTimestamp(), i);
+}
+
+// Frames coming quickly one by one are taken at once until the eighth; from then on an emptied
+// queue waits for the gathering time, cut short only by half a queue or close.
+TEST(FrameQueue, AQuickPaceIsGatheredUpToHalfAQueue) {
+    FrameQueue queue(100, std::chrono::hours(1), std::chrono::hours(1));
+    std::atomic<uint64_t> last{0};
+    std::thread consumer([&] {
+        while (std::unique_ptr<DecodedFrame> taken = queue.pop())
+            last = taken->getTimestamp();
+    });
+    for (uint64_t i = 1; i <= 8; ++i) {
+        queue.push(frame(0xFEF1, i));
+        while (last != i)
+            usleep(1000);
+    }
+    for (uint64_t i = 9; i <= 57; ++i)
+        queue.push(frame(0xFEF1, i));
+    usleep(20000);
+    EXPECT_EQ(last, 8u);
+    queue.push(frame(0xFEF1, 58));
+    while (last != 58)
+        usleep(1000);
+    queue.close();
+    consumer.join();
 }
 
 // The text written straight for delivered and fetched frames is the template's, byte for byte;
