@@ -17,7 +17,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -109,11 +108,8 @@ struct Services {
 // rather than listening on a port nobody configured.
 bool fcgiPort(const Configuration& general, uint16_t& port) {
     const std::string text = general.getString("fcgi_port");
-    // strtol, not sscanf: an out-of-range number must not be undefined behaviour.
-    errno = 0;
-    char* end = nullptr;
-    const long value = strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < INT32_MIN || value > INT32_MAX) {
+    long value = 0;
+    if (!decimalValue(text, value) || value < INT32_MIN || value > INT32_MAX) {
         LOG(0) << "No valid \"fcgi_port\" in configuration (\"" << text
                << "\"). FastCGI front end not started.";
         return false;

@@ -4,7 +4,6 @@ connection, one epoch (a second of the receiver) per interval, over and over.
 
     feed = NmeaFeed(sandbox, "bus-3d.nmea")
     gpsd = Gpsd(sandbox, feed).start()      # gpsd -N -n -S 2947 tcp://127.0.0.1:<feed>
-    feed.play("lost-fix.nmea")              # another log from the next epoch on
     gpsd.stop(); gpsd.start()
 """
 
@@ -39,9 +38,6 @@ class NmeaFeed:
         self._stop = threading.Event()
         threading.Thread(target=self._serve, daemon=True).start()
         sandbox.listeners.append(self)  # closed with the sandbox
-
-    def play(self, log):
-        self.epochs = read_epochs(log)
 
     def _serve(self):
         while not self._stop.is_set():

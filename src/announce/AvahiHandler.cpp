@@ -148,10 +148,6 @@ uint16_t AvahiHandler::port() const {
     return servicePort;
 }
 
-bool AvahiHandler::withheld() const {
-    return withholding;
-}
-
 std::vector<std::string> AvahiHandler::txtRecords() const {
     std::lock_guard<std::mutex> lock(mutex);
     std::vector<std::string> records;

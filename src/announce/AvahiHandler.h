@@ -47,7 +47,6 @@ public:
     std::string serviceType() const;
     std::string domain() const;
     uint16_t port() const;
-    bool withheld() const;
     // TXT records in the order they were added.
     std::vector<std::string> txtRecords() const;
 

@@ -10,6 +10,7 @@
 #include <net/if.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -79,8 +80,9 @@ bool plainName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
-} // namespace
-
+// Milliseconds since the epoch from the receive time stamp among the SOL_SOCKET control
+// messages of msg (SCM_TIMESTAMP or the software stamp of SCM_TIMESTAMPING, in their
+// 32- or 64-bit time layouts); false, timestamp untouched, when there is none.
 bool controlTimestamp(const struct msghdr& msg, uint64_t& timestamp) {
     msghdr& walked = const_cast<msghdr&>(msg);
     const unsigned char* controlEnd =
@@ -120,6 +122,8 @@ bool controlTimestamp(const struct msghdr& msg, uint64_t& timestamp) {
 #pragma GCC diagnostic pop
     return found;
 }
+
+} // namespace
 
 CanHandler* CanHandler::forInterface(const std::string& name) {
     Registry& r = registry();

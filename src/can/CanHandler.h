@@ -4,7 +4,6 @@
 #include "CanDecoder.h"
 #include "CanHook.h"
 
-#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -84,10 +83,5 @@ private:
     std::string boundPath;   // the virtual bus socket, removed on close
     ino_t boundInode = 0;    // of boundPath right after bind
 };
-
-// Milliseconds since the epoch from the receive time stamp among the SOL_SOCKET control
-// messages of msg (SCM_TIMESTAMP or the software stamp of SCM_TIMESTAMPING, in their
-// 32- or 64-bit time layouts); false, timestamp untouched, when there is none.
-bool controlTimestamp(const struct msghdr& msg, uint64_t& timestamp);
 
 #endif

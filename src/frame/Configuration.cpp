@@ -3,6 +3,8 @@
 #include "Logger.h"
 
 #include <cctype>
+#include <cerrno>
+#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <sstream>
@@ -14,6 +16,13 @@ std::vector<std::string> splitString(const std::string& text, char delimiter) {
     while (std::getline(stream, piece, delimiter))
         pieces.push_back(piece);
     return pieces;
+}
+
+bool decimalValue(const std::string& text, long& value) {
+    char* end = nullptr;
+    errno = 0;
+    value = strtol(text.c_str(), &end, 10);
+    return !text.empty() && *end == '\0' && errno == 0;
 }
 
 namespace {

@@ -8,6 +8,10 @@
 
 // Pieces of text between delimiters; a trailing delimiter gives no empty last piece.
 std::vector<std::string> splitString(const std::string& text, char delimiter);
+// The whole text as a decimal number in range of long (leading blanks and a sign allowed,
+// nothing after the digits). strtol, not sscanf: an out-of-range number is no undefined
+// behaviour.
+bool decimalValue(const std::string& text, long& value);
 
 // key=value settings; values of a repeated key, and of a service file read on top of the
 // general file, are appended behind the ones already there.

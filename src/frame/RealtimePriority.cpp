@@ -7,7 +7,6 @@
 #include <sched.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -22,11 +21,8 @@ void RealtimePriority::configure(const Configuration& general) {
     if (!general.hasKey("realtime_priority"))
         return;
     const std::string text = general.getString("realtime_priority");
-    char* end = nullptr;
-    errno = 0;
-    const long value = strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < 0 ||
-        value > sched_get_priority_max(SCHED_FIFO)) {
+    long value = 0;
+    if (!decimalValue(text, value) || value < 0 || value > sched_get_priority_max(SCHED_FIFO)) {
         LOG(0) << "No valid \"realtime_priority\" in configuration (\"" << text
                << "\"). CAN threads stay on the normal scheduler.";
         return;
